@@ -1,0 +1,285 @@
+#pragma once
+// Bus client library: a participant (Marlet) on Eclipse Cyclone DDS, JSON
+// registries of tag groups and thing classes, thing properties, things with
+// outputs (writers) and inputs (selectors over readers), data samples and
+// dispatchers.
+//
+// Mapping onto DDS: a tag group is a DDS topic (all topics share one type that
+// carries a few typed header fields and the encoded pair tree); a thing is a
+// set of writers and readers as its thing class defines them; the context id
+// of a thing is its flow, carried as a DDS partition so that flow selection is
+// done by the middleware.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "marlet/iot_value.h"
+
+namespace com::quorixtech::marlet {
+
+using iot::IOT_NVP;
+using iot::IOT_VALUE;
+
+// Every failure of the library is one of these; the message says what failed.
+class MarletError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A configuration or definition file that is missing or malformed.
+class ConfigError : public MarletError {
+public:
+    using MarletError::MarletError;
+};
+
+// A DDS call that returned an error; the message names the call and dds_strretcode.
+class DdsError : public MarletError {
+public:
+    DdsError(const std::string& call, int retcode);
+    int retcode() const { return retcode_; }
+
+private:
+    int retcode_;
+};
+
+// Bytes from the network that do not decode as a pair tree.
+class DecodeError : public MarletError {
+public:
+    using MarletError::MarletError;
+};
+
+// ---- definitions -----------------------------------------------------------
+
+struct FieldDefinition {
+    std::string name;
+    iot::IotKind kind = iot::IotKind::none;
+};
+
+struct TagGroupDefinition {
+    std::string nameSpace; // e.g. "com.vision.data"
+    std::string name;      // e.g. "VideoFrameData"
+    std::string version;
+    std::string topic;     // DDS topic name
+    std::string description;
+    std::vector<FieldDefinition> fields;
+    std::string qualifiedName() const { return nameSpace + ":" + name; }
+};
+
+struct PortDefinition {
+    std::string name;     // input or output name used by write() and select()
+    std::string tagGroup; // qualified tag-group name "namespace:name"
+};
+
+struct ThingClassDefinition {
+    std::string nameSpace;
+    std::string name;
+    std::string version;
+    std::string description;
+    std::vector<PortDefinition> inputs;
+    std::vector<PortDefinition> outputs;
+    std::string qualifiedName() const { return nameSpace + ":" + name; }
+};
+
+class TagGroupRegistry {
+public:
+    virtual ~TagGroupRegistry() = default;
+    const std::vector<TagGroupDefinition>& tagGroups() const { return tagGroups_; }
+
+protected:
+    std::vector<TagGroupDefinition> tagGroups_;
+};
+
+class JSonTagGroupRegistry : public TagGroupRegistry {
+public:
+    JSonTagGroupRegistry() = default;
+    // Reads every tag group of one JSON file ("file://" URI). Throws ConfigError.
+    void registerTagGroupsFromURI(const std::string& uri);
+    void registerTagGroupsFromString(const std::string& json, const std::string& origin = "<string>");
+};
+
+class ThingClassRegistry {
+public:
+    virtual ~ThingClassRegistry() = default;
+    const std::vector<ThingClassDefinition>& thingClasses() const { return thingClasses_; }
+
+protected:
+    std::vector<ThingClassDefinition> thingClasses_;
+};
+
+class JSonThingClassRegistry : public ThingClassRegistry {
+public:
+    JSonThingClassRegistry() = default;
+    void registerThingClassesFromURI(const std::string& uri);
+    void registerThingClassesFromString(const std::string& json, const std::string& origin = "<string>");
+};
+
+class ThingProperties {
+public:
+    virtual ~ThingProperties() = default;
+    const std::string& thingId() const { return thingId_; }
+    const std::string& thingClass() const { return thingClass_; }
+    const std::string& contextId() const { return contextId_; }
+    const std::string& name() const { return name_; }
+    bool valid() const { return !thingId_.empty() && !thingClass_.empty(); }
+
+protected:
+    std::string thingId_;
+    std::string thingClass_;
+    std::string contextId_;
+    std::string name_;
+};
+
+class JSonThingProperties : public ThingProperties {
+public:
+    JSonThingProperties() = default;
+    void readPropertiesFromURI(const std::string& uri);
+    void readPropertiesFromString(const std::string& json, const std::string& origin = "<string>");
+};
+
+// ---- samples, things, selectors ------------------------------------------
+
+template <typename T> class DataSample {
+public:
+    DataSample() = default;
+    DataSample(T data, std::string sourceId, std::string flowId, std::string tagGroup, std::uint64_t sequence,
+               std::int64_t sourceTimeNs)
+        : data_(std::move(data)), sourceId_(std::move(sourceId)), flowId_(std::move(flowId)),
+          tagGroup_(std::move(tagGroup)), sequence_(sequence), sourceTimeNs_(sourceTimeNs) {}
+
+    const T& getData() const { return data_; }
+    T& getData() { return data_; }
+    const std::string& getSourceId() const { return sourceId_; }
+    const std::string& getFlowId() const { return flowId_; }
+    const std::string& getTagGroup() const { return tagGroup_; }
+    std::uint64_t getSequence() const { return sequence_; }
+    // Nanoseconds since 1970 on the writer's clock, taken when it wrote the sample.
+    std::int64_t getSourceTime() const { return sourceTimeNs_; }
+
+private:
+    T data_{};
+    std::string sourceId_;
+    std::string flowId_;
+    std::string tagGroup_;
+    std::uint64_t sequence_ = 0;
+    std::int64_t sourceTimeNs_ = 0;
+};
+
+class DiscoveredThing {
+public:
+    virtual ~DiscoveredThing() = default;
+    virtual std::string getId() const = 0;
+    virtual std::string getContextId() const = 0;
+};
+
+namespace detail {
+struct ParticipantState;
+struct ThingState;
+struct SelectorState;
+} // namespace detail
+
+class Thing : public DiscoveredThing {
+public:
+    class Selector {
+    public:
+        Selector() = default;
+        // Narrows the selection to one flow (context id); an empty id selects every flow.
+        Selector& flow(const std::string& flowId);
+        // Largest number of samples one read returns (default 1, so that one bad
+        // sample never costs the good ones around it).
+        Selector& batch(std::size_t maxSamples);
+        // Blocks up to timeout milliseconds for samples; returns an empty list
+        // when none arrived. A sample whose bytes do not decode raises DecodeError
+        // (the samples before it are returned first, by the previous call).
+        template <typename T> std::vector<DataSample<T>> read(long timeoutMs);
+
+    private:
+        friend class Thing;
+        std::vector<DataSample<std::vector<IOT_NVP>>> readPairs(long timeoutMs);
+        std::shared_ptr<detail::SelectorState> state_;
+    };
+
+    Thing() = default;
+    std::string getId() const override;
+    std::string getContextId() const override;
+    bool valid() const { return static_cast<bool>(state_); }
+
+    // Publishes one sample on the named output. Throws MarletError.
+    template <typename T> void write(const std::string& output, const T& data);
+    // Encoded in place: the payload is built once and handed to DDS.
+    void writePairs(const std::string& output, const std::vector<IOT_NVP>& pairs);
+
+    Selector select(const std::string& input);
+    // Idempotent.
+    void close();
+
+private:
+    friend class Marlet;
+    std::shared_ptr<detail::ThingState> state_;
+};
+
+template <> inline void Thing::write<std::vector<IOT_NVP>>(const std::string& output, const std::vector<IOT_NVP>& data) {
+    writePairs(output, data);
+}
+
+template <>
+inline std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::read<std::vector<IOT_NVP>>(long timeoutMs) {
+    return readPairs(timeoutMs);
+}
+
+// ---- listeners and dispatchers --------------------------------------------
+
+class BaseDataListener {
+public:
+    virtual ~BaseDataListener() = default;
+    virtual void onData(const DataSample<std::vector<IOT_NVP>>& sample) = 0;
+};
+
+class Dispatcher {
+public:
+    // Wakes every thread blocked in waitEvent.
+    void throwEvent();
+    // Returns true when an event was thrown since the last wait, false on timeout.
+    bool waitEvent(std::chrono::milliseconds timeout);
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::uint64_t events_ = 0;
+    std::uint64_t seen_ = 0;
+};
+
+// ---- the participant ------------------------------------------------------
+
+class Marlet {
+public:
+    Marlet() = default;
+    // args: "config=" followed by a "file://" URI of the bus configuration.
+    // One participant per configuration file within a process: a second call
+    // with the same configuration returns a handle to the same participant.
+    static Marlet getInstance(const std::string& args);
+
+    void addTagGroupRegistry(const TagGroupRegistry& registry);
+    void addThingClassRegistry(const ThingClassRegistry& registry);
+    Thing createThing(const ThingProperties& properties);
+    // Releases this handle; the participant goes when its last handle does. Idempotent.
+    void close();
+
+    bool valid() const { return static_cast<bool>(state_); }
+    int domainId() const;
+
+private:
+    std::shared_ptr<detail::ParticipantState> state_;
+};
+
+// Turns "file://path" into "path"; leaves other text alone.
+std::string uriToPath(const std::string& uri);
+
+} // namespace com::quorixtech::marlet
