@@ -1,0 +1,125 @@
+#pragma once
+// The subscriber's receiver and synchroniser. Reader threads hand every decoded
+// record to ReceiveImage; a single worker thread pairs each queued frame with the
+// results that carry the same frame id and appends the combination to a bounded
+// output queue, which the source element drains from the front.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "frame_information.h"
+#include "uni_information.h"
+
+// Guards the six queues of every Synchronizer::syncPool and the receiver's image
+// matrix. Process-wide on purpose: the source element takes it too when it
+// removes entries from synchronizedVec, so no queue is ever touched by two
+// threads at once.
+extern std::mutex m;
+
+// One frame with whatever results were found for it. A member without a partner
+// keeps its default (empty) value.
+class SynchronizedData {
+public:
+    TOLVIXO::FrameInfo frameInfo;
+    TOLVIXO::DeviceInfo deviceInfo;
+    TOLVIXO::Information<TOLVIXO::ClassificationData> classification;
+    TOLVIXO::Information<TOLVIXO::DetectionBoxData> detectionBox;
+    TOLVIXO::SegmentInfo segmentInfo;
+};
+
+// The queues of one synchroniser; the front of each vector is the oldest entry.
+// Every access goes through m.
+class poolingData {
+public:
+    std::vector<TOLVIXO::FrameInfo> frameInfoVec;
+    std::vector<TOLVIXO::DeviceInfo> deviceInfoVec;
+    std::vector<TOLVIXO::Information<TOLVIXO::ClassificationData>> classificationVec;
+    std::vector<TOLVIXO::Information<TOLVIXO::DetectionBoxData>> detectionBoxVec;
+    std::vector<TOLVIXO::SegmentInfo> segmentInfoVec;
+    std::vector<SynchronizedData> synchronizedVec;
+
+    // Drops the oldest entries of synchronizedVec until at most limit remain and
+    // returns how many were dropped; a limit below 1 drops nothing. Caller holds m.
+    int DropSynchronizedVec(int limit);
+};
+
+// What the worker remembers from one pass to the next; starts afresh with every
+// worker.
+struct SyncCursor {
+    std::uint32_t lastSyncID = 0;
+    int unmatchedCount = 0;
+};
+
+class Synchronizer {
+public:
+    poolingData syncPool;
+
+    Synchronizer();
+    ~Synchronizer();
+    Synchronizer(const Synchronizer&) = delete;
+    Synchronizer& operator=(const Synchronizer&) = delete;
+
+    // Sets the running flag and starts one more worker running sync_work().
+    void Start();
+    // Clears the running flag only; the worker notices at its next check.
+    void Stop();
+    void SetWorkerMessageFlag(bool flag);
+    bool GetWorkerMessageFlag() const;
+
+    // Each appends a copy at the back of its queue under m. Input queues are unbounded.
+    void pushFrameInfo(const TOLVIXO::FrameInfo& frameInfo);
+    void pushDeviceInfo(const TOLVIXO::DeviceInfo& deviceInfo);
+    void pushClassification(const TOLVIXO::Information<TOLVIXO::ClassificationData>& classification);
+    void pushDetectionBox(const TOLVIXO::Information<TOLVIXO::DetectionBoxData>& detectionBox);
+    void pushSegmentInfo(const TOLVIXO::SegmentInfo& segmentInfo);
+
+    // The worker loop: one pass under m, then 10 ms without it, until stopped.
+    void sync_work();
+
+    // One pass of the worker over the queued frames. Caller holds m.
+    void syncPass(SyncCursor& cursor);
+
+private:
+    // Flags the worker reads outside m. Shared with every worker so that a worker
+    // still sleeping when this object is destroyed finds out without touching it.
+    struct WorkerControl {
+        std::atomic<bool> running{false};
+        std::atomic<bool> workerMessage{false};
+        bool ownerAlive = true; // guarded by m
+    };
+
+    std::vector<std::thread> workers_;
+    const int synchronizedLimit_ = 10;
+    std::shared_ptr<WorkerControl> control_;
+};
+
+class ReceiveImage {
+public:
+    cv::Mat image;
+    int width = 0;
+    int height = 0;
+    std::string contextId;
+    Synchronizer synchronizer;
+    bool uniMode = false;
+
+    // Decodes the frame into image (RGB order) and queues the record as received.
+    // Frames without bytes or without a size are ignored.
+    void callback(const TOLVIXO::FrameInfo& frameInfo);
+    void callback(const TOLVIXO::DeviceInfo& deviceInfo);
+    void callback(const TOLVIXO::Information<TOLVIXO::ClassificationData>& classification);
+    void callback(const TOLVIXO::Information<TOLVIXO::DetectionBoxData>& detectionBox);
+    void callback(const TOLVIXO::SegmentInfo& segmentInfo);
+    // Combined record: the first one stops the worker for good; each record with a
+    // usable first frame becomes one entry of synchronizedVec directly.
+    void callback(const TOLVIXO::UniInfo& uniInfo);
+
+    // Splits a combined record into one entry, taken from its first frame and first device.
+    static SynchronizedData parser(const TOLVIXO::UniInfo& uniInfo);
+};
