@@ -1,0 +1,263 @@
+// The batch record: its layout as peers see it, and that it survives the
+// buffer copies a pipeline makes (explicit copies, tee branches, converters).
+
+#include "gstqxmeta.h"
+
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <future>
+#include <string>
+#include <vector>
+
+namespace {
+
+class BatchMetaTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+};
+
+GstQxBatchMeta* attachSample(GstBuffer* buffer) {
+    GstQxBatchMeta* batch = gst_buffer_add_qx_batch_meta(buffer);
+    DeviceInfoData device;
+    device.stream_id = "camera-7";
+    device.port = 554;
+    device.uri = "rtsp://127.0.0.1/stream-with-a-name-long-enough-for-heap-storage";
+    batch->devices.push_back(device);
+
+    VideoFrameData frame;
+    frame.stream_id = "camera-7";
+    frame.frame_id = 42;
+    frame.timestamp = 1234567890123ULL;
+    frame.width = 64;
+    frame.height = 48;
+    frame.device_idx = 0;
+    frame.is_compress = true;
+    frame.class_results.push_back({3, "out", "cat", 0.5f});
+    quorix::ai::DetectionBoxResult box;
+    box.obj_id = 9;
+    box.class_label = "person";
+    box.x2 = 10.5f;
+    box.meta = "extra";
+    frame.det_results.push_back(box);
+    frame.seg_results = {{{1, 0.25f, "road"}, {2, 0.75f, "car"}}, {{1, 0.25f, "road"}, {1, 0.25f, "road"}}};
+    batch->frames.push_back(frame);
+    return batch;
+}
+
+void expectSample(const GstQxBatchMeta* batch) {
+    ASSERT_NE(batch, nullptr);
+    ASSERT_EQ(batch->devices.size(), 1u);
+    EXPECT_EQ(batch->devices[0].port, 554);
+    EXPECT_EQ(batch->devices[0].uri, "rtsp://127.0.0.1/stream-with-a-name-long-enough-for-heap-storage");
+    ASSERT_EQ(batch->frames.size(), 1u);
+    const VideoFrameData& frame = batch->frames[0];
+    EXPECT_EQ(frame.frame_id, 42);
+    EXPECT_EQ(frame.timestamp, 1234567890123ULL);
+    EXPECT_TRUE(frame.is_compress);
+    ASSERT_EQ(frame.class_results.size(), 1u);
+    EXPECT_EQ(frame.class_results[0].label, "cat");
+    ASSERT_EQ(frame.det_results.size(), 1u);
+    EXPECT_EQ(frame.det_results[0].class_label, "person");
+    EXPECT_FLOAT_EQ(frame.det_results[0].x2, 10.5f);
+    ASSERT_EQ(frame.seg_results.size(), 2u);
+    ASSERT_EQ(frame.seg_results[0].size(), 2u);
+    EXPECT_EQ(frame.seg_results[0][1].class_id, 2);
+    EXPECT_EQ(frame.seg_results[0][1].label, "car");
+}
+
+// The compile-time checks only run on 64-bit builds; this repeats the
+// interesting ones where the tests actually run, against raw addresses.
+TEST_F(BatchMetaTest, MembersSitAtTheAgreedOffsets) {
+    if (sizeof(void*) != 8) {
+        GTEST_SKIP() << "layout is agreed for 64-bit targets";
+    }
+    GstQxBatchMeta batch{};
+    VideoFrameData frame;
+    DeviceInfoData device;
+    quorix::ai::DetectionBoxResult box;
+    quorix::ai::ClassificationResult cls;
+    quorix::ai::SegmentResult seg;
+    auto at = [](const void* base, const void* member) {
+        return static_cast<const char*>(member) - static_cast<const char*>(base);
+    };
+    struct Case {
+        const char* name;
+        std::ptrdiff_t actual;
+        std::ptrdiff_t expected;
+    };
+    const std::vector<Case> cases = {
+        {"batch.reserved", at(&batch, &batch.reserved), 16},
+        {"batch.devices", at(&batch, &batch.devices), 24},
+        {"batch.frames", at(&batch, &batch.frames), 48},
+        {"frame.frame_id", at(&frame, &frame.frame_id), 32},
+        {"frame.timestamp", at(&frame, &frame.timestamp), 40},
+        {"frame.device_idx", at(&frame, &frame.device_idx), 64},
+        {"frame.is_compress", at(&frame, &frame.is_compress), 68},
+        {"frame.class_results", at(&frame, &frame.class_results), 72},
+        {"frame.det_results", at(&frame, &frame.det_results), 96},
+        {"frame.seg_results", at(&frame, &frame.seg_results), 120},
+        {"device.port", at(&device, &device.port), 96},
+        {"device.uri", at(&device, &device.uri), 104},
+        {"device.protocol", at(&device, &device.protocol), 360},
+        {"box.class_id", at(&box, &box.class_id), 40},
+        {"box.x1", at(&box, &box.x1), 80},
+        {"box.meta", at(&box, &box.meta), 104},
+        {"classification.label", at(&cls, &cls.label), 40},
+        {"classification.prob", at(&cls, &cls.prob), 72},
+        {"segment.prob", at(&seg, &seg.prob), 4},
+        {"segment.label", at(&seg, &seg.label), 8},
+        {"sizeof batch", static_cast<std::ptrdiff_t>(sizeof(GstQxBatchMeta)), 72},
+        {"sizeof frame", static_cast<std::ptrdiff_t>(sizeof(VideoFrameData)), 144},
+        {"sizeof device", static_cast<std::ptrdiff_t>(sizeof(DeviceInfoData)), 392},
+        {"sizeof box", static_cast<std::ptrdiff_t>(sizeof(box)), 136},
+        {"sizeof classification", static_cast<std::ptrdiff_t>(sizeof(cls)), 80},
+        {"sizeof segment", static_cast<std::ptrdiff_t>(sizeof(seg)), 40},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.actual, c.expected) << c.name;
+    }
+}
+
+TEST_F(BatchMetaTest, RegistrationHappensOnceAcrossThreads) {
+    std::vector<std::future<const GstMetaInfo*>> calls;
+    for (int i = 0; i < 8; ++i) {
+        calls.push_back(std::async(std::launch::async, [] { return gst_qx_batch_meta_get_info(); }));
+    }
+    const GstMetaInfo* first = gst_qx_batch_meta_get_info();
+    ASSERT_NE(first, nullptr);
+    for (auto& call : calls) {
+        EXPECT_EQ(call.get(), first);
+    }
+    EXPECT_EQ(first->api, gst_qx_batch_meta_api_get_type());
+    EXPECT_STREQ(g_type_name(first->api), "GstQxBatchMetaAPI");
+    EXPECT_EQ(gst_meta_get_info("GstQxBatchMeta"), first);
+}
+
+TEST_F(BatchMetaTest, LookupFindsOnlyWhatWasAttached) {
+    GstBuffer* bare = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    EXPECT_EQ(gst_buffer_get_qx_batch_meta(bare), nullptr);
+
+    GstQxBatchMeta* fresh = gst_buffer_add_qx_batch_meta(bare);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_TRUE(fresh->devices.empty());
+    EXPECT_TRUE(fresh->frames.empty());
+    EXPECT_EQ(gst_buffer_get_qx_batch_meta(bare), fresh);
+    gst_buffer_unref(bare);
+
+    // The generic attach call the subscriber side uses must give the same, empty record.
+    GstBuffer* other = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    auto* generic = reinterpret_cast<GstQxBatchMeta*>(gst_buffer_add_meta(other, gst_qx_batch_meta_get_info(), nullptr));
+    ASSERT_NE(generic, nullptr);
+    EXPECT_TRUE(generic->frames.empty());
+    EXPECT_EQ(gst_buffer_get_qx_batch_meta(other), generic);
+    gst_buffer_unref(other);
+}
+
+// Removing a filled record and attaching a new one must not resurrect the
+// old contents, whatever memory GStreamer hands back.
+TEST_F(BatchMetaTest, RemovedRecordIsDestroyedAndANewOneStartsEmpty) {
+    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    attachSample(buffer);
+    ASSERT_TRUE(gst_buffer_remove_meta(buffer, reinterpret_cast<GstMeta*>(gst_buffer_get_qx_batch_meta(buffer))));
+    EXPECT_EQ(gst_buffer_get_qx_batch_meta(buffer), nullptr);
+    GstQxBatchMeta* again = gst_buffer_add_qx_batch_meta(buffer);
+    ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(again->devices.empty());
+    EXPECT_TRUE(again->frames.empty());
+    gst_buffer_unref(buffer);
+}
+
+TEST_F(BatchMetaTest, BufferCopiesCarryAnIndependentRecord) {
+    GstBuffer* original = gst_buffer_new_allocate(nullptr, 64, nullptr);
+    GstQxBatchMeta* source = attachSample(original);
+
+    struct Copy {
+        const char* how;
+        GstBuffer* buffer;
+    };
+    const std::vector<Copy> copies = {
+        {"gst_buffer_copy", gst_buffer_copy(original)},
+        {"gst_buffer_copy_deep", gst_buffer_copy_deep(original)},
+        {"gst_buffer_copy_region", gst_buffer_copy_region(original, GST_BUFFER_COPY_ALL, 0, 32)},
+    };
+    for (const Copy& copy : copies) {
+        SCOPED_TRACE(copy.how);
+        GstQxBatchMeta* copied = gst_buffer_get_qx_batch_meta(copy.buffer);
+        expectSample(copied);
+        ASSERT_NE(copied, source);
+        copied->frames[0].class_results.clear();
+        EXPECT_EQ(source->frames[0].class_results.size(), 1u) << "copy shares storage with the original";
+        gst_buffer_unref(copy.buffer);
+    }
+    expectSample(source);
+    gst_buffer_unref(original);
+}
+
+// Runs one buffer with a record through a launch line between appsrc "in"
+// and appsinks named in sinkNames, returning the record each sink saw.
+std::vector<std::vector<int>> frameIdsSeenBy(const std::string& launch, const std::vector<std::string>& sinkNames) {
+    GError* error = nullptr;
+    GstElement* pipeline = gst_parse_launch(launch.c_str(), &error);
+    EXPECT_EQ(error, nullptr) << (error ? error->message : "");
+    if (pipeline == nullptr) {
+        return {};
+    }
+    GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "in");
+    EXPECT_EQ(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
+
+    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 8 * 8 * 3 / 2, nullptr);
+    gst_buffer_memset(buffer, 0, 0x80, 8 * 8 * 3 / 2);
+    GST_BUFFER_PTS(buffer) = 0;
+    GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
+    attachSample(buffer);
+    EXPECT_EQ(gst_app_src_push_buffer(GST_APP_SRC(src), buffer), GST_FLOW_OK);
+    gst_app_src_end_of_stream(GST_APP_SRC(src));
+
+    std::vector<std::vector<int>> seen;
+    for (const std::string& name : sinkNames) {
+        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
+        std::vector<int> ids;
+        while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+            GstQxBatchMeta* batch = gst_buffer_get_qx_batch_meta(gst_sample_get_buffer(sample));
+            ids.push_back(batch && !batch->frames.empty() ? batch->frames[0].frame_id : -1);
+            gst_sample_unref(sample);
+        }
+        seen.push_back(ids);
+        gst_object_unref(sink);
+    }
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(src);
+    gst_object_unref(pipeline);
+    return seen;
+}
+
+TEST_F(BatchMetaTest, PipelineElementsPassTheRecordOn) {
+    const std::string caps = "video/x-raw,format=I420,width=8,height=8,framerate=30/1";
+    struct Case {
+        const char* what;
+        std::string launch;
+        std::vector<std::string> sinks;
+    };
+    const std::vector<Case> cases = {
+        {"tee with two queued branches",
+         "appsrc name=in format=time caps=" + caps +
+             " ! tee name=t t. ! queue ! appsink name=a sync=false t. ! queue ! appsink name=b sync=false",
+         {"a", "b"}},
+        {"videoconvert to another format",
+         "appsrc name=in format=time caps=" + caps + " ! videoconvert ! video/x-raw,format=BGR ! appsink name=a sync=false",
+         {"a"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto seen = frameIdsSeenBy(c.launch, c.sinks);
+        ASSERT_EQ(seen.size(), c.sinks.size());
+        for (const auto& ids : seen) {
+            EXPECT_EQ(ids, std::vector<int>{42});
+        }
+    }
+}
+
+} // namespace
