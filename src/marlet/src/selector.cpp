@@ -1,0 +1,175 @@
+#include <chrono>
+#include <thread>
+
+#include "bus_qos.h"
+#include "marlet/pair_codec.h"
+#include "state.h"
+
+namespace com::quorixtech::marlet {
+
+namespace detail {
+
+void SelectorState::closeReader() {
+    waitset.reset();
+    reader.reset();
+    subscriber.reset();
+}
+
+} // namespace detail
+
+namespace {
+
+using Sample = DataSample<std::vector<IOT_NVP>>;
+using Clock = std::chrono::steady_clock;
+
+std::string text(const char* s) { return s ? std::string(s) : std::string(); }
+
+void openReader(detail::SelectorState& s) {
+    s.closeReader();
+    detail::ThingState& thing = *s.thing;
+    const std::string partition = s.flow.empty() ? detail::anyFlowPartition() : detail::flowPartition(s.flow);
+    const dds_entity_t participant = thing.participant->participant.get();
+    const dds_entity_t topic = thing.participant->topic(s.tagGroup->topic);
+
+    detail::Qos groupQos;
+    detail::fillGroupQos(groupQos, partition, thing.userData());
+    s.subscriber = detail::Entity(dds_create_subscriber(participant, groupQos.get(), nullptr), "dds_create_subscriber");
+    detail::Qos readerQos;
+    detail::fillReaderQos(readerQos, thing.userData());
+    s.reader = detail::Entity(dds_create_reader(s.subscriber.get(), topic, readerQos.get(), nullptr),
+                              ("dds_create_reader(" + s.tagGroup->topic + ")").c_str());
+    const dds_entity_t condition =
+        detail::check(dds_create_readcondition(s.reader.get(), DDS_ANY_STATE), "dds_create_readcondition");
+    s.waitset = detail::Entity(dds_create_waitset(participant), "dds_create_waitset");
+    detail::check(dds_waitset_attach(s.waitset.get(), condition, 0), "dds_waitset_attach");
+    s.readerFlow = s.flow;
+}
+
+// Returns the loans of one take however decoding ends.
+class LoanGuard {
+public:
+    LoanGuard(dds_entity_t reader, std::vector<void*>& loans, int32_t count)
+        : reader_(reader), loans_(loans), count_(count) {}
+    ~LoanGuard() {
+        if (count_ > 0) (void)dds_return_loan(reader_, loans_.data(), count_);
+    }
+    LoanGuard(const LoanGuard&) = delete;
+    LoanGuard& operator=(const LoanGuard&) = delete;
+
+private:
+    dds_entity_t reader_;
+    std::vector<void*>& loans_;
+    int32_t count_;
+};
+
+// Takes up to one batch and queues each sample decoded, or its decode error.
+// Returns the number of samples with data.
+std::size_t takeBatch(detail::SelectorState& s) {
+    const std::size_t max = s.batch;
+    s.loans.assign(max, nullptr);
+    s.infos.resize(max);
+    const int32_t n = detail::check(dds_take(s.reader.get(), s.loans.data(), s.infos.data(), max,
+                                             static_cast<uint32_t>(max)),
+                                    "dds_take");
+    LoanGuard guard(s.reader.get(), s.loans, n);
+    std::size_t queued = 0;
+    for (int32_t i = 0; i < n; ++i) {
+        // Disposals and unregistrations carry no payload.
+        if (!s.infos[i].valid_data) continue;
+        const auto* wire = static_cast<const marlet_wire_BusSample*>(s.loans[i]);
+        detail::SelectorState::Pending entry;
+        try {
+            auto pairs = codec::decode(wire->payload._buffer, wire->payload._length);
+            entry.sample.emplace(std::move(pairs), text(wire->sourceId), text(wire->flowId), text(wire->tagGroup),
+                                 wire->sequenceNumber, wire->sourceTime);
+        } catch (const DecodeError& e) {
+            entry.error = "sample " + std::to_string(wire->sequenceNumber) + " from \"" + text(wire->sourceId) +
+                          "\" on " + s.tagGroup->topic + ": " + e.what();
+        }
+        s.pending.push_back(std::move(entry));
+        ++queued;
+    }
+    return queued;
+}
+
+// Hands out queued samples up to the batch size, stopping before a bad one;
+// a bad one at the front is reported on its own.
+std::vector<Sample> servePending(detail::SelectorState& s) {
+    std::vector<Sample> out;
+    while (!s.pending.empty() && out.size() < s.batch) {
+        auto& front = s.pending.front();
+        if (!front.sample) {
+            if (!out.empty()) break;
+            const std::string error = std::move(front.error);
+            s.pending.pop_front();
+            throw DecodeError(error);
+        }
+        out.push_back(std::move(*front.sample));
+        s.pending.pop_front();
+    }
+    return out;
+}
+
+} // namespace
+
+Thing::Selector Thing::select(const std::string& input) {
+    if (!state_) throw MarletError("select on an empty Thing handle");
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->ensureOpen();
+    }
+    Selector selector;
+    selector.state_ = std::make_shared<detail::SelectorState>();
+    selector.state_->thing = state_;
+    selector.state_->input = input;
+    selector.state_->tagGroup = state_->resolve(state_->inputs, input);
+    return selector;
+}
+
+Thing::Selector& Thing::Selector::flow(const std::string& flowId) {
+    if (!state_) throw MarletError("flow on an empty Selector");
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->flow = flowId;
+    return *this;
+}
+
+Thing::Selector& Thing::Selector::batch(std::size_t maxSamples) {
+    if (!state_) throw MarletError("batch on an empty Selector");
+    if (maxSamples == 0) throw MarletError("a selector batch holds at least one sample");
+    if (maxSamples > static_cast<std::size_t>(INT32_MAX)) throw MarletError("selector batch too large");
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->batch = maxSamples;
+    return *this;
+}
+
+std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long timeoutMs) {
+    if (!state_) throw MarletError("read on an empty Selector");
+    detail::SelectorState& s = *state_;
+    std::lock_guard<std::mutex> lock(s.mutex);
+    {
+        std::lock_guard<std::mutex> thingLock(s.thing->mutex);
+        s.thing->ensureOpen();
+    }
+    if (!s.pending.empty()) return servePending(s);
+
+    const auto timeout = std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+    if (!s.tagGroup) {
+        // Waiting out the timeout keeps a reader loop on a wrong name from spinning.
+        std::this_thread::sleep_for(timeout);
+        throw MarletError("thing \"" + s.thing->id + "\" of class " + s.thing->thingClass + " has no input \"" +
+                          s.input + "\" and no tag group of that name is registered");
+    }
+    if (!s.reader || s.readerFlow != s.flow) openReader(s);
+
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now());
+        const dds_duration_t wait = left.count() > 0 ? static_cast<dds_duration_t>(left.count()) : 0;
+        const dds_return_t triggered = detail::check(dds_waitset_wait(s.waitset.get(), nullptr, 0, wait),
+                                                     "dds_waitset_wait");
+        if (triggered > 0 && takeBatch(s) > 0) return servePending(s);
+        if (Clock::now() >= deadline) return {};
+    }
+}
+
+} // namespace com::quorixtech::marlet

@@ -1,0 +1,132 @@
+#include "bus_qos.h"
+#include "marlet/pair_codec.h"
+#include "state.h"
+
+namespace com::quorixtech::marlet {
+
+namespace detail {
+
+ThingState::~ThingState() {
+    // Writers go with their publisher; the topics stay with the participant.
+    writers.clear();
+    publisher.reset();
+}
+
+std::string ThingState::userData() const { return "thingId=" + id + ";thingClass=" + thingClass; }
+
+std::optional<TagGroupDefinition> ThingState::resolve(const std::map<std::string, TagGroupDefinition>& ports,
+                                                      const std::string& port) const {
+    if (auto it = ports.find(port); it != ports.end()) return it->second;
+    return participant->tagGroupByName(port);
+}
+
+void ThingState::ensureOpen() const {
+    if (closed) throw MarletError("thing \"" + id + "\" is closed");
+}
+
+} // namespace detail
+
+namespace {
+
+std::map<std::string, TagGroupDefinition> resolvePorts(detail::ParticipantState& participant,
+                                                       const std::vector<PortDefinition>& ports) {
+    std::map<std::string, TagGroupDefinition> resolved;
+    for (const PortDefinition& port : ports) {
+        // A port whose tag group is not registered yet is left out; it can
+        // still be reached later through a registered group of the same name.
+        if (auto group = participant.tagGroupByQualifiedName(port.tagGroup)) resolved[port.name] = *group;
+    }
+    return resolved;
+}
+
+std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState& thing, const std::string& output) {
+    std::lock_guard<std::mutex> lock(thing.mutex);
+    thing.ensureOpen();
+    if (auto it = thing.writers.find(output); it != thing.writers.end()) return it->second;
+
+    auto group = thing.resolve(thing.outputs, output);
+    if (!group) {
+        throw MarletError("thing \"" + thing.id + "\" of class " + thing.thingClass + " has no output \"" + output +
+                          "\" and no tag group of that name is registered");
+    }
+    auto slot = std::make_shared<detail::WriterSlot>();
+    slot->tagGroup = *group;
+    slot->qualifiedName = group->qualifiedName();
+    const dds_entity_t topic = thing.participant->topic(group->topic);
+    detail::Qos qos;
+    detail::fillWriterQos(qos, thing.userData());
+    slot->writer = detail::check(dds_create_writer(thing.publisher.get(), topic, qos.get(), nullptr),
+                                 ("dds_create_writer(" + group->topic + ")").c_str());
+    thing.writers.emplace(output, slot);
+    return slot;
+}
+
+} // namespace
+
+Thing Marlet::createThing(const ThingProperties& properties) {
+    if (!state_) throw MarletError("createThing on a closed Marlet handle");
+    if (!properties.valid()) throw MarletError("cannot create a thing from properties without thingId and thingClass");
+    auto thingClass = state_->thingClass(properties.thingClass());
+    if (!thingClass) throw MarletError("thing class " + properties.thingClass() + " is not registered");
+
+    auto thing = std::make_shared<detail::ThingState>();
+    thing->participant = state_;
+    thing->id = properties.thingId();
+    thing->thingClass = properties.thingClass();
+    thing->contextId = properties.contextId();
+    thing->name = properties.name();
+    thing->outputs = resolvePorts(*state_, thingClass->outputs);
+    thing->inputs = resolvePorts(*state_, thingClass->inputs);
+
+    detail::Qos qos;
+    detail::fillGroupQos(qos, detail::flowPartition(thing->contextId), thing->userData());
+    thing->publisher =
+        detail::Entity(dds_create_publisher(state_->participant.get(), qos.get(), nullptr), "dds_create_publisher");
+
+    Thing handle;
+    handle.state_ = std::move(thing);
+    return handle;
+}
+
+std::string Thing::getId() const { return state_ ? state_->id : std::string(); }
+
+std::string Thing::getContextId() const { return state_ ? state_->contextId : std::string(); }
+
+void Thing::writePairs(const std::string& output, const std::vector<IOT_NVP>& pairs) {
+    if (!state_) throw MarletError("write on an empty Thing handle");
+    std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
+
+    std::lock_guard<std::mutex> lock(slot->mutex);
+    const std::size_t size = codec::encodedSize(pairs);
+    if (size > UINT32_MAX) throw MarletError("sample of " + std::to_string(size) + " bytes is too large for the bus");
+    // The buffer keeps its capacity between frames: steady-state writes of
+    // same-sized frames do not allocate.
+    slot->buffer.resize(size);
+    codec::encodeInto(pairs, slot->buffer.data(), size);
+
+    marlet_wire_BusSample sample{};
+    // DDS only reads these during dds_write; nothing is copied beforehand.
+    sample.sourceId = const_cast<char*>(state_->id.c_str());
+    sample.flowId = const_cast<char*>(state_->contextId.c_str());
+    sample.tagGroup = const_cast<char*>(slot->qualifiedName.c_str());
+    sample.sequenceNumber = ++slot->sequence;
+    sample.sourceTime = detail::nowNs();
+    sample.payload._buffer = slot->buffer.data();
+    sample.payload._length = static_cast<std::uint32_t>(size);
+    sample.payload._maximum = static_cast<std::uint32_t>(size);
+    sample.payload._release = false;
+    detail::check(dds_write(slot->writer, &sample), ("dds_write(" + slot->tagGroup.topic + ")").c_str());
+}
+
+void Thing::close() {
+    if (!state_) return;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->closed = true;
+        state_->writers.clear();
+        state_->publisher.reset();
+    }
+    state_.reset();
+}
+
+} // namespace com::quorixtech::marlet
