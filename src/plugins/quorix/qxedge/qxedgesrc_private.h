@@ -1,0 +1,71 @@
+#pragma once
+// Instance layout of qxedgesrc, shared by the element (qxedgesrc.cpp) and the
+// extraction of synchronised records into buffers (utils/src/srcextracting.cpp).
+// Not installed: nothing outside the plug-in sees these structures.
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gst/base/gstpushsrc.h>
+#include <gst/video/video.h>
+#include <opencv2/core.hpp>
+
+#include "modelloader.h"
+#include "qxedgesrc.h"
+#include "receiver.h"
+
+GST_DEBUG_CATEGORY_EXTERN(qx_edgesrc_debug);
+
+// C++ part of the element: made with new in init, deleted in finalize.
+struct QxEdgeSrcPrivate {
+    ReceiveImage ImageReceiver;
+    std::shared_ptr<Edge> edge;
+    std::vector<std::string> taggroups;
+    std::string context_id;
+    // The picture being delivered; apart from the receiver's own matrix, which
+    // the reader threads overwrite with every frame that arrives.
+    cv::Mat image;
+    bool subscribed = false;
+    bool uni = false;
+};
+
+typedef gboolean (*QxEdgeSrcReceiveFunc)(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, GstBuffer* buffer);
+
+struct _QxEdgeSrc {
+    GstPushSrc parent;
+
+    GstVideoInfo info;
+    QxEdgeSrcPrivate* priv;
+
+    GstClockTime timestamp_offset;
+    GstClockTime running_time;
+    gint64 n_frames;
+    gboolean reverse;
+    gint64 accum_frames;
+
+    QxEdgeSrcReceiveFunc receive_image;
+
+    // Line scratch buffers, re-allocated on every caps change.
+    guint8* tmpline_u8;
+    guint8* tmpline;
+    guint8* tmpline2;
+    guint16* tmpline_u16;
+
+    gint width_to_set;
+    gint height_to_set;
+
+    gint compressed;
+    guint compressed_size;
+};
+
+// Set when streaming must stop waiting for bus data: on PAUSED to READY and
+// when the base class asks the source to unlock (flushing). One flag for the
+// process, as every waiting loop of every source reads it; atomic because the
+// streaming thread reads it while the application thread writes it.
+extern std::atomic<bool> qx_edgesrc_terminate;
+
+// True when the bus connection has stopped its readers.
+bool qx_edgesrc_reading_stopped(QxEdgeSrc* src);
