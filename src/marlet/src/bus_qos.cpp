@@ -9,25 +9,27 @@ constexpr std::int32_t kWriterHistoryDepth = 8;
 // streaming thread.
 constexpr dds_duration_t kMaxBlockingTime = DDS_SECS(2);
 
-void setUserData(Qos& qos, const std::string& identity) { dds_qset_userdata(qos.get(), identity.data(), identity.size()); }
+void setUserData(Qos &qos, const std::string &identity) {
+    dds_qset_userdata(qos.get(), identity.data(), identity.size());
+}
 } // namespace
 
-std::string flowPartition(const std::string& contextId) { return "flow." + contextId; }
+std::string flowPartition(const std::string &contextId) { return "flow." + contextId; }
 std::string anyFlowPartition() { return "flow.*"; }
 
-void fillGroupQos(Qos& qos, const std::string& partition, const std::string& identity) {
+void fillGroupQos(Qos &qos, const std::string &partition, const std::string &identity) {
     dds_qset_partition1(qos.get(), partition.c_str());
     dds_qset_groupdata(qos.get(), identity.data(), identity.size());
 }
 
-void fillWriterQos(Qos& qos, const std::string& identity) {
+void fillWriterQos(Qos &qos, const std::string &identity) {
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, kMaxBlockingTime);
     dds_qset_durability(qos.get(), DDS_DURABILITY_VOLATILE);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, kWriterHistoryDepth);
     setUserData(qos, identity);
 }
 
-void fillReaderQos(Qos& qos, const std::string& identity) {
+void fillReaderQos(Qos &qos, const std::string &identity) {
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, kMaxBlockingTime);
     dds_qset_durability(qos.get(), DDS_DURABILITY_VOLATILE);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, DDS_LENGTH_UNLIMITED);

@@ -15,7 +15,7 @@ namespace {
 
 using nlohmann::json;
 
-std::string readFile(const std::string& uri, const char* what) {
+std::string readFile(const std::string &uri, const char *what) {
     const std::string path = uriToPath(uri);
     std::ifstream in(path, std::ios::binary);
     if (!in) throw ConfigError(std::string("cannot open ") + what + " file \"" + path + "\" (" + uri + ")");
@@ -24,53 +24,53 @@ std::string readFile(const std::string& uri, const char* what) {
     return text.str();
 }
 
-json parse(const std::string& text, const std::string& origin) {
+json parse(const std::string &text, const std::string &origin) {
     try {
         return json::parse(text);
-    } catch (const json::parse_error& e) {
+    } catch (const json::parse_error &e) {
         throw ConfigError(origin + ": JSON parse error at byte " + std::to_string(e.byte) + ": " + e.what());
     }
 }
 
 // Typed access that reports the file and the path of the offending key.
 class Object {
-public:
-    Object(const json& value, std::string origin, std::string where)
+  public:
+    Object(const json &value, std::string origin, std::string where)
         : value_(value), origin_(std::move(origin)), where_(std::move(where)) {
         if (!value_.is_object()) fail(where_ + " is not a JSON object");
     }
 
-    std::string string(const char* key) const {
+    std::string string(const char *key) const {
         const auto it = value_.find(key);
         if (it == value_.end()) fail("missing key \"" + std::string(key) + "\" in " + where_);
         return asString(*it, key);
     }
-    std::string string(const char* key, const std::string& fallback) const {
+    std::string string(const char *key, const std::string &fallback) const {
         const auto it = value_.find(key);
         return it == value_.end() ? fallback : asString(*it, key);
     }
     // An absent array is an empty one.
-    const json& array(const char* key) const {
+    const json &array(const char *key) const {
         static const json empty = json::array();
         const auto it = value_.find(key);
         if (it == value_.end()) return empty;
         if (!it->is_array()) fail("key \"" + std::string(key) + "\" in " + where_ + " is not an array");
         return *it;
     }
-    Object child(const json& value, const std::string& where) const { return Object(value, origin_, where); }
-    [[noreturn]] void fail(const std::string& what) const { throw ConfigError(origin_ + ": " + what); }
+    Object child(const json &value, const std::string &where) const { return Object(value, origin_, where); }
+    [[noreturn]] void fail(const std::string &what) const { throw ConfigError(origin_ + ": " + what); }
 
-private:
-    std::string asString(const json& v, const char* key) const {
+  private:
+    std::string asString(const json &v, const char *key) const {
         if (!v.is_string()) fail("key \"" + std::string(key) + "\" in " + where_ + " is not a string");
         return v.get<std::string>();
     }
-    const json& value_;
+    const json &value_;
     std::string origin_;
     std::string where_;
 };
 
-iot::IotKind kindFromName(const Object& field, const std::string& name) {
+iot::IotKind kindFromName(const Object &field, const std::string &name) {
     using iot::IotKind;
     for (IotKind k : {IotKind::iotv_int32, IotKind::iotv_uint32, IotKind::iotv_int64, IotKind::iotv_float32,
                       IotKind::iotv_string, IotKind::iotv_byte_seq, IotKind::iotv_nvp_seq}) {
@@ -79,7 +79,7 @@ iot::IotKind kindFromName(const Object& field, const std::string& name) {
     field.fail("unknown field kind \"" + name + "\"");
 }
 
-TagGroupDefinition readTagGroup(const Object& o) {
+TagGroupDefinition readTagGroup(const Object &o) {
     TagGroupDefinition def;
     def.nameSpace = o.string("namespace");
     def.name = o.string("name");
@@ -87,7 +87,7 @@ TagGroupDefinition readTagGroup(const Object& o) {
     def.topic = o.string("topic", def.nameSpace + "." + def.name);
     def.description = o.string("description", "");
     if (def.topic.empty()) o.fail("empty topic for tag group " + def.qualifiedName());
-    const json& fields = o.array("fields");
+    const json &fields = o.array("fields");
     for (std::size_t i = 0; i < fields.size(); ++i) {
         const Object f = o.child(fields[i], "fields[" + std::to_string(i) + "] of " + def.qualifiedName());
         FieldDefinition field;
@@ -98,9 +98,9 @@ TagGroupDefinition readTagGroup(const Object& o) {
     return def;
 }
 
-std::vector<PortDefinition> readPorts(const Object& o, const char* key) {
+std::vector<PortDefinition> readPorts(const Object &o, const char *key) {
     std::vector<PortDefinition> ports;
-    const json& list = o.array(key);
+    const json &list = o.array(key);
     for (std::size_t i = 0; i < list.size(); ++i) {
         const Object p = o.child(list[i], std::string(key) + "[" + std::to_string(i) + "]");
         PortDefinition port;
@@ -117,16 +117,16 @@ std::vector<PortDefinition> readPorts(const Object& o, const char* key) {
 
 } // namespace
 
-void JSonTagGroupRegistry::registerTagGroupsFromURI(const std::string& uri) {
+void JSonTagGroupRegistry::registerTagGroupsFromURI(const std::string &uri) {
     registerTagGroupsFromString(readFile(uri, "tag group"), uri);
 }
 
-void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string& text, const std::string& origin) {
+void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     // Validate the whole file before registering any of it.
     std::vector<TagGroupDefinition> read;
     const Object top(doc, origin, "the document");
-    const json& groups = top.array("tagGroups");
+    const json &groups = top.array("tagGroups");
     if (groups.empty()) top.fail("no tag groups in \"tagGroups\"");
     for (std::size_t i = 0; i < groups.size(); ++i) {
         read.push_back(readTagGroup(top.child(groups[i], "tagGroups[" + std::to_string(i) + "]")));
@@ -134,11 +134,11 @@ void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string& text, 
     tagGroups_.insert(tagGroups_.end(), read.begin(), read.end());
 }
 
-void JSonThingClassRegistry::registerThingClassesFromURI(const std::string& uri) {
+void JSonThingClassRegistry::registerThingClassesFromURI(const std::string &uri) {
     registerThingClassesFromString(readFile(uri, "thing class"), uri);
 }
 
-void JSonThingClassRegistry::registerThingClassesFromString(const std::string& text, const std::string& origin) {
+void JSonThingClassRegistry::registerThingClassesFromString(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     const Object o(doc, origin, "the document");
     ThingClassDefinition def;
@@ -151,11 +151,11 @@ void JSonThingClassRegistry::registerThingClassesFromString(const std::string& t
     thingClasses_.push_back(std::move(def));
 }
 
-void JSonThingProperties::readPropertiesFromURI(const std::string& uri) {
+void JSonThingProperties::readPropertiesFromURI(const std::string &uri) {
     readPropertiesFromString(readFile(uri, "thing properties"), uri);
 }
 
-void JSonThingProperties::readPropertiesFromString(const std::string& text, const std::string& origin) {
+void JSonThingProperties::readPropertiesFromString(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     const Object o(doc, origin, "the document");
     std::string id = o.string("thingId");

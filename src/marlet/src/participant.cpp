@@ -10,25 +10,25 @@ namespace com::quorixtech::marlet {
 
 namespace {
 
-constexpr const char* kConfigPrefix = "config=";
+constexpr const char *kConfigPrefix = "config=";
 
 // One participant per configuration file and one domain per id within this
 // process. Recursive because a failed getInstance can drop the last reference
 // to a domain (whose destructor takes the lock) while the lock is held.
-std::recursive_mutex& registryMutex() {
+std::recursive_mutex &registryMutex() {
     static std::recursive_mutex m;
     return m;
 }
-std::map<std::string, std::weak_ptr<detail::ParticipantState>>& participants() {
+std::map<std::string, std::weak_ptr<detail::ParticipantState>> &participants() {
     static std::map<std::string, std::weak_ptr<detail::ParticipantState>> m;
     return m;
 }
-std::map<int, std::weak_ptr<detail::DomainHandle>>& domains() {
+std::map<int, std::weak_ptr<detail::DomainHandle>> &domains() {
     static std::map<int, std::weak_ptr<detail::DomainHandle>> m;
     return m;
 }
 
-std::string readConfig(const std::string& path) {
+std::string readConfig(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw ConfigError("cannot read bus configuration file \"" + path + "\"");
     std::ostringstream text;
@@ -38,7 +38,7 @@ std::string readConfig(const std::string& path) {
 }
 
 // The Id attribute of <Domain>; "any" or no attribute means domain 0.
-int domainIdOf(const std::string& xml, const std::string& path) {
+int domainIdOf(const std::string &xml, const std::string &path) {
     static const std::regex domainTag(R"(<\s*Domain\b([^>]*)>)", std::regex::icase);
     static const std::regex idAttr(R"(\bId\s*=\s*["']([^"']*)["'])", std::regex::icase);
     std::smatch tag;
@@ -53,14 +53,14 @@ int domainIdOf(const std::string& xml, const std::string& path) {
         const int n = std::stoi(value, &used);
         if (used != value.size() || n < 0 || n > 232) throw std::out_of_range(value);
         return n;
-    } catch (const std::exception&) {
+    } catch (const std::exception &) {
         throw ConfigError("bus configuration file \"" + path + "\": Domain Id \"" + value +
                           "\" is not a number from 0 to 232 or \"any\"");
     }
 }
 
-std::shared_ptr<detail::DomainHandle> domainFor(int id, const std::string& xml) {
-    auto& known = domains();
+std::shared_ptr<detail::DomainHandle> domainFor(int id, const std::string &xml) {
+    auto &known = domains();
     if (auto it = known.find(id); it != known.end()) {
         if (auto alive = it->second.lock()) return alive;
     }
@@ -74,7 +74,7 @@ std::shared_ptr<detail::DomainHandle> domainFor(int id, const std::string& xml) 
     return handle;
 }
 
-std::string canonicalKey(const std::string& path) {
+std::string canonicalKey(const std::string &path) {
     std::error_code ec;
     const auto canonical = std::filesystem::weakly_canonical(path, ec);
     return ec ? path : canonical.string();
@@ -82,10 +82,10 @@ std::string canonicalKey(const std::string& path) {
 
 } // namespace
 
-DdsError::DdsError(const std::string& call, int retcode)
+DdsError::DdsError(const std::string &call, int retcode)
     : MarletError(call + " failed: " + dds_strretcode(retcode)), retcode_(retcode) {}
 
-std::string uriToPath(const std::string& uri) {
+std::string uriToPath(const std::string &uri) {
     static const std::string scheme = "file://";
     if (uri.compare(0, scheme.size(), scheme) == 0) return uri.substr(scheme.size());
     return uri;
@@ -100,7 +100,7 @@ DomainHandle::~DomainHandle() {
     domain.reset();
 }
 
-std::optional<TagGroupDefinition> ParticipantState::tagGroupByQualifiedName(const std::string& qualified) {
+std::optional<TagGroupDefinition> ParticipantState::tagGroupByQualifiedName(const std::string &qualified) {
     std::lock_guard<std::mutex> lock(mutex);
     for (auto it = tagGroups.rbegin(); it != tagGroups.rend(); ++it) {
         if (it->qualifiedName() == qualified) return *it;
@@ -108,7 +108,7 @@ std::optional<TagGroupDefinition> ParticipantState::tagGroupByQualifiedName(cons
     return std::nullopt;
 }
 
-std::optional<TagGroupDefinition> ParticipantState::tagGroupByName(const std::string& name) {
+std::optional<TagGroupDefinition> ParticipantState::tagGroupByName(const std::string &name) {
     std::lock_guard<std::mutex> lock(mutex);
     for (auto it = tagGroups.rbegin(); it != tagGroups.rend(); ++it) {
         if (it->name == name) return *it;
@@ -116,7 +116,7 @@ std::optional<TagGroupDefinition> ParticipantState::tagGroupByName(const std::st
     return std::nullopt;
 }
 
-std::optional<ThingClassDefinition> ParticipantState::thingClass(const std::string& qualified) {
+std::optional<ThingClassDefinition> ParticipantState::thingClass(const std::string &qualified) {
     std::lock_guard<std::mutex> lock(mutex);
     for (auto it = thingClasses.rbegin(); it != thingClasses.rend(); ++it) {
         if (it->qualifiedName() == qualified) return *it;
@@ -124,7 +124,7 @@ std::optional<ThingClassDefinition> ParticipantState::thingClass(const std::stri
     return std::nullopt;
 }
 
-dds_entity_t ParticipantState::topic(const std::string& topicName) {
+dds_entity_t ParticipantState::topic(const std::string &topicName) {
     std::lock_guard<std::mutex> lock(mutex);
     if (auto it = topics.find(topicName); it != topics.end()) return it->second;
     const std::string ddsName = ddsTopicName(topicName);
@@ -135,15 +135,17 @@ dds_entity_t ParticipantState::topic(const std::string& topicName) {
     return t;
 }
 
-std::string ddsTopicName(const std::string& topic) {
+std::string ddsTopicName(const std::string &topic) {
     // DDS topic names allow letters, digits, '_' and '/', and no leading digit;
     // our dotted names keep their structure with '/' in place of '.'.
     std::string name = topic;
-    for (char& c : name) {
-        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                             c == '_' || c == '/';
-        if (c == '.') c = '/';
-        else if (!allowed) c = '_';
+    for (char &c : name) {
+        const bool allowed =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '/';
+        if (c == '.')
+            c = '/';
+        else if (!allowed)
+            c = '_';
     }
     if (name.empty() || (name[0] >= '0' && name[0] <= '9')) name.insert(0, "_");
     return name;
@@ -156,7 +158,7 @@ std::int64_t nowNs() {
 
 } // namespace detail
 
-Marlet Marlet::getInstance(const std::string& args) {
+Marlet Marlet::getInstance(const std::string &args) {
     if (args.compare(0, std::char_traits<char>::length(kConfigPrefix), kConfigPrefix) != 0) {
         throw ConfigError("Marlet::getInstance expects \"config=<file URI>\", got \"" + args + "\"");
     }
@@ -174,24 +176,24 @@ Marlet Marlet::getInstance(const std::string& args) {
     auto state = std::make_shared<detail::ParticipantState>();
     state->configPath = path;
     state->domain = domainFor(id, xml);
-    state->participant =
-        detail::Entity(dds_create_participant(static_cast<dds_domainid_t>(id), nullptr, nullptr), "dds_create_participant");
+    state->participant = detail::Entity(dds_create_participant(static_cast<dds_domainid_t>(id), nullptr, nullptr),
+                                        "dds_create_participant");
     participants()[key] = state;
     handle.state_ = std::move(state);
     return handle;
 }
 
-void Marlet::addTagGroupRegistry(const TagGroupRegistry& registry) {
+void Marlet::addTagGroupRegistry(const TagGroupRegistry &registry) {
     if (!state_) throw MarletError("addTagGroupRegistry on a closed Marlet handle");
     std::lock_guard<std::mutex> lock(state_->mutex);
-    const auto& groups = registry.tagGroups();
+    const auto &groups = registry.tagGroups();
     state_->tagGroups.insert(state_->tagGroups.end(), groups.begin(), groups.end());
 }
 
-void Marlet::addThingClassRegistry(const ThingClassRegistry& registry) {
+void Marlet::addThingClassRegistry(const ThingClassRegistry &registry) {
     if (!state_) throw MarletError("addThingClassRegistry on a closed Marlet handle");
     std::lock_guard<std::mutex> lock(state_->mutex);
-    const auto& classes = registry.thingClasses();
+    const auto &classes = registry.thingClasses();
     state_->thingClasses.insert(state_->thingClasses.end(), classes.begin(), classes.end());
 }
 

@@ -22,11 +22,11 @@ namespace {
 using Sample = DataSample<std::vector<IOT_NVP>>;
 using Clock = std::chrono::steady_clock;
 
-std::string text(const char* s) { return s ? std::string(s) : std::string(); }
+std::string text(const char *s) { return s ? std::string(s) : std::string(); }
 
-void openReader(detail::SelectorState& s) {
+void openReader(detail::SelectorState &s) {
     s.closeReader();
-    detail::ThingState& thing = *s.thing;
+    detail::ThingState &thing = *s.thing;
     const std::string partition = s.flow.empty() ? detail::anyFlowPartition() : detail::flowPartition(s.flow);
     const dds_entity_t participant = thing.participant->participant.get();
     const dds_entity_t topic = thing.participant->topic(s.tagGroup->topic);
@@ -47,42 +47,41 @@ void openReader(detail::SelectorState& s) {
 
 // Returns the loans of one take however decoding ends.
 class LoanGuard {
-public:
-    LoanGuard(dds_entity_t reader, std::vector<void*>& loans, int32_t count)
+  public:
+    LoanGuard(dds_entity_t reader, std::vector<void *> &loans, int32_t count)
         : reader_(reader), loans_(loans), count_(count) {}
     ~LoanGuard() {
         if (count_ > 0) (void)dds_return_loan(reader_, loans_.data(), count_);
     }
-    LoanGuard(const LoanGuard&) = delete;
-    LoanGuard& operator=(const LoanGuard&) = delete;
+    LoanGuard(const LoanGuard &) = delete;
+    LoanGuard &operator=(const LoanGuard &) = delete;
 
-private:
+  private:
     dds_entity_t reader_;
-    std::vector<void*>& loans_;
+    std::vector<void *> &loans_;
     int32_t count_;
 };
 
 // Takes up to one batch and queues each sample decoded, or its decode error.
 // Returns the number of samples with data.
-std::size_t takeBatch(detail::SelectorState& s) {
+std::size_t takeBatch(detail::SelectorState &s) {
     const std::size_t max = s.batch;
     s.loans.assign(max, nullptr);
     s.infos.resize(max);
-    const int32_t n = detail::check(dds_take(s.reader.get(), s.loans.data(), s.infos.data(), max,
-                                             static_cast<uint32_t>(max)),
-                                    "dds_take");
+    const int32_t n = detail::check(
+        dds_take(s.reader.get(), s.loans.data(), s.infos.data(), max, static_cast<uint32_t>(max)), "dds_take");
     LoanGuard guard(s.reader.get(), s.loans, n);
     std::size_t queued = 0;
     for (int32_t i = 0; i < n; ++i) {
         // Disposals and unregistrations carry no payload.
         if (!s.infos[i].valid_data) continue;
-        const auto* wire = static_cast<const marlet_wire_BusSample*>(s.loans[i]);
+        const auto *wire = static_cast<const marlet_wire_BusSample *>(s.loans[i]);
         detail::SelectorState::Pending entry;
         try {
             auto pairs = codec::decode(wire->payload._buffer, wire->payload._length);
             entry.sample.emplace(std::move(pairs), text(wire->sourceId), text(wire->flowId), text(wire->tagGroup),
                                  wire->sequenceNumber, wire->sourceTime);
-        } catch (const DecodeError& e) {
+        } catch (const DecodeError &e) {
             entry.error = "sample " + std::to_string(wire->sequenceNumber) + " from \"" + text(wire->sourceId) +
                           "\" on " + s.tagGroup->topic + ": " + e.what();
         }
@@ -94,10 +93,10 @@ std::size_t takeBatch(detail::SelectorState& s) {
 
 // Hands out queued samples up to the batch size, stopping before a bad one;
 // a bad one at the front is reported on its own.
-std::vector<Sample> servePending(detail::SelectorState& s) {
+std::vector<Sample> servePending(detail::SelectorState &s) {
     std::vector<Sample> out;
     while (!s.pending.empty() && out.size() < s.batch) {
-        auto& front = s.pending.front();
+        auto &front = s.pending.front();
         if (!front.sample) {
             if (!out.empty()) break;
             const std::string error = std::move(front.error);
@@ -112,7 +111,7 @@ std::vector<Sample> servePending(detail::SelectorState& s) {
 
 } // namespace
 
-Thing::Selector Thing::select(const std::string& input) {
+Thing::Selector Thing::select(const std::string &input) {
     if (!state_) throw MarletError("select on an empty Thing handle");
     {
         std::lock_guard<std::mutex> lock(state_->mutex);
@@ -126,14 +125,14 @@ Thing::Selector Thing::select(const std::string& input) {
     return selector;
 }
 
-Thing::Selector& Thing::Selector::flow(const std::string& flowId) {
+Thing::Selector &Thing::Selector::flow(const std::string &flowId) {
     if (!state_) throw MarletError("flow on an empty Selector");
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->flow = flowId;
     return *this;
 }
 
-Thing::Selector& Thing::Selector::batch(std::size_t maxSamples) {
+Thing::Selector &Thing::Selector::batch(std::size_t maxSamples) {
     if (!state_) throw MarletError("batch on an empty Selector");
     if (maxSamples == 0) throw MarletError("a selector batch holds at least one sample");
     if (maxSamples > static_cast<std::size_t>(INT32_MAX)) throw MarletError("selector batch too large");
@@ -144,7 +143,7 @@ Thing::Selector& Thing::Selector::batch(std::size_t maxSamples) {
 
 std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long timeoutMs) {
     if (!state_) throw MarletError("read on an empty Selector");
-    detail::SelectorState& s = *state_;
+    detail::SelectorState &s = *state_;
     std::lock_guard<std::mutex> lock(s.mutex);
     {
         std::lock_guard<std::mutex> thingLock(s.thing->mutex);
@@ -165,8 +164,8 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now());
         const dds_duration_t wait = left.count() > 0 ? static_cast<dds_duration_t>(left.count()) : 0;
-        const dds_return_t triggered = detail::check(dds_waitset_wait(s.waitset.get(), nullptr, 0, wait),
-                                                     "dds_waitset_wait");
+        const dds_return_t triggered =
+            detail::check(dds_waitset_wait(s.waitset.get(), nullptr, 0, wait), "dds_waitset_wait");
         if (triggered > 0 && takeBatch(s) > 0) return servePending(s);
         if (Clock::now() >= deadline) return {};
     }

@@ -38,10 +38,10 @@ struct ParticipantState {
     std::map<std::string, dds_entity_t> topics; // owned by the participant entity
 
     // Latest registration wins, so later files can redefine a qualified name.
-    std::optional<TagGroupDefinition> tagGroupByQualifiedName(const std::string& qualified);
-    std::optional<TagGroupDefinition> tagGroupByName(const std::string& name);
-    std::optional<ThingClassDefinition> thingClass(const std::string& qualified);
-    dds_entity_t topic(const std::string& topicName);
+    std::optional<TagGroupDefinition> tagGroupByQualifiedName(const std::string &qualified);
+    std::optional<TagGroupDefinition> tagGroupByName(const std::string &name);
+    std::optional<ThingClassDefinition> thingClass(const std::string &qualified);
+    dds_entity_t topic(const std::string &topicName);
 };
 
 // One output of a thing: its writer and the buffer every sample is encoded into.
@@ -72,8 +72,8 @@ struct ThingState {
     std::string userData() const;
     // The tag group behind an output or input name; falls back to a registered
     // tag group of that name so that callers may address groups directly.
-    std::optional<TagGroupDefinition> resolve(const std::map<std::string, TagGroupDefinition>& ports,
-                                              const std::string& port) const;
+    std::optional<TagGroupDefinition> resolve(const std::map<std::string, TagGroupDefinition> &ports,
+                                              const std::string &port) const;
     void ensureOpen() const;
 };
 
@@ -99,7 +99,7 @@ struct SelectorState {
         std::string error;
     };
     std::deque<Pending> pending;
-    std::vector<void*> loans;
+    std::vector<void *> loans;
     std::vector<dds_sample_info_t> infos;
 
     void closeReader();
@@ -107,6 +107,6 @@ struct SelectorState {
 
 std::int64_t nowNs();
 // The DDS topic name for a tag group's topic ("com.vision.data.X" -> "com/vision/data/X").
-std::string ddsTopicName(const std::string& topic);
+std::string ddsTopicName(const std::string &topic);
 
 } // namespace com::quorixtech::marlet::detail

@@ -14,8 +14,8 @@ ThingState::~ThingState() {
 
 std::string ThingState::userData() const { return "thingId=" + id + ";thingClass=" + thingClass; }
 
-std::optional<TagGroupDefinition> ThingState::resolve(const std::map<std::string, TagGroupDefinition>& ports,
-                                                      const std::string& port) const {
+std::optional<TagGroupDefinition> ThingState::resolve(const std::map<std::string, TagGroupDefinition> &ports,
+                                                      const std::string &port) const {
     if (auto it = ports.find(port); it != ports.end()) return it->second;
     return participant->tagGroupByName(port);
 }
@@ -28,10 +28,10 @@ void ThingState::ensureOpen() const {
 
 namespace {
 
-std::map<std::string, TagGroupDefinition> resolvePorts(detail::ParticipantState& participant,
-                                                       const std::vector<PortDefinition>& ports) {
+std::map<std::string, TagGroupDefinition> resolvePorts(detail::ParticipantState &participant,
+                                                       const std::vector<PortDefinition> &ports) {
     std::map<std::string, TagGroupDefinition> resolved;
-    for (const PortDefinition& port : ports) {
+    for (const PortDefinition &port : ports) {
         // A port whose tag group is not registered yet is left out; it can
         // still be reached later through a registered group of the same name.
         if (auto group = participant.tagGroupByQualifiedName(port.tagGroup)) resolved[port.name] = *group;
@@ -39,7 +39,7 @@ std::map<std::string, TagGroupDefinition> resolvePorts(detail::ParticipantState&
     return resolved;
 }
 
-std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState& thing, const std::string& output) {
+std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState &thing, const std::string &output) {
     std::lock_guard<std::mutex> lock(thing.mutex);
     thing.ensureOpen();
     if (auto it = thing.writers.find(output); it != thing.writers.end()) return it->second;
@@ -63,7 +63,7 @@ std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState& thing, const s
 
 } // namespace
 
-Thing Marlet::createThing(const ThingProperties& properties) {
+Thing Marlet::createThing(const ThingProperties &properties) {
     if (!state_) throw MarletError("createThing on a closed Marlet handle");
     if (!properties.valid()) throw MarletError("cannot create a thing from properties without thingId and thingClass");
     auto thingClass = state_->thingClass(properties.thingClass());
@@ -92,7 +92,7 @@ std::string Thing::getId() const { return state_ ? state_->id : std::string(); }
 
 std::string Thing::getContextId() const { return state_ ? state_->contextId : std::string(); }
 
-void Thing::writePairs(const std::string& output, const std::vector<IOT_NVP>& pairs) {
+void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs) {
     if (!state_) throw MarletError("write on an empty Thing handle");
     std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
 
@@ -106,9 +106,9 @@ void Thing::writePairs(const std::string& output, const std::vector<IOT_NVP>& pa
 
     marlet_wire_BusSample sample{};
     // DDS only reads these during dds_write; nothing is copied beforehand.
-    sample.sourceId = const_cast<char*>(state_->id.c_str());
-    sample.flowId = const_cast<char*>(state_->contextId.c_str());
-    sample.tagGroup = const_cast<char*>(slot->qualifiedName.c_str());
+    sample.sourceId = const_cast<char *>(state_->id.c_str());
+    sample.flowId = const_cast<char *>(state_->contextId.c_str());
+    sample.tagGroup = const_cast<char *>(slot->qualifiedName.c_str());
     sample.sequenceNumber = ++slot->sequence;
     sample.sourceTime = detail::nowNs();
     sample.payload._buffer = slot->buffer.data();

@@ -1,0 +1,43 @@
+// A second bus process for the cross-process tests. Run in a configuration
+// root: reads VideoFrameData and writes every sample back unchanged on
+// DeviceInfoData, until a sample holding a pair named "stop" arrives.
+// Prints "ready <thing id>" once its reader exists.
+
+#include <chrono>
+#include <iostream>
+
+#include "../bus_support.h"
+
+int main() {
+    namespace m = com::quorixtech::marlet;
+    try {
+        m::Marlet bus = m::Marlet::getInstance("config=file://./config/Marlet.xml");
+        marlettest::registerDefinitions(bus, ".");
+        m::Thing in = marlettest::makeThing(bus, "VideoFrameThingIn", "peer-in", "default");
+        m::Thing out = marlettest::makeThing(bus, "DeviceInfoThingOut", "peer-out", "default");
+        m::Thing::Selector selector = in.select("VideoFrameData");
+        selector.read<std::vector<m::IOT_NVP>>(0); // creates the reader
+        std::cout << "ready " << out.getId() << std::endl;
+
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+        while (std::chrono::steady_clock::now() < deadline) {
+            for (const auto &sample : selector.read<std::vector<m::IOT_NVP>>(200)) {
+                const auto &pairs = sample.getData();
+                if (!pairs.empty() && pairs[0].name() == "stop") {
+                    std::cout << "stopping" << std::endl;
+                    out.close();
+                    in.close();
+                    bus.close();
+                    return 0;
+                }
+                out.write("DeviceInfoData", pairs);
+                std::cout << "echoed " << sample.getSequence() << " from " << sample.getSourceId() << std::endl;
+            }
+        }
+        std::cerr << "no stop sample within the deadline" << std::endl;
+        return 2;
+    } catch (const std::exception &e) {
+        std::cerr << "peer failed: " << e.what() << std::endl;
+        return 1;
+    }
+}
