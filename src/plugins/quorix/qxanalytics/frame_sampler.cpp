@@ -8,7 +8,7 @@
 namespace qxanalytics {
 namespace {
 
-cv::Mat planeMat(const GstVideoFrame& frame, guint plane, int type) {
+cv::Mat planeMat(const GstVideoFrame &frame, guint plane, int type) {
     return cv::Mat(GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane), GST_VIDEO_FRAME_COMP_WIDTH(&frame, plane), type,
                    GST_VIDEO_FRAME_PLANE_DATA(&frame, plane),
                    static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane)));
@@ -16,15 +16,14 @@ cv::Mat planeMat(const GstVideoFrame& frame, guint plane, int type) {
 
 // Area averaging when shrinking keeps thin objects visible; a frame already at working
 // size is referenced, not copied.
-cv::Mat shrink(const cv::Mat& source, cv::Size size) {
-    if (source.size() == size)
-        return source;
+cv::Mat shrink(const cv::Mat &source, cv::Size size) {
+    if (source.size() == size) return source;
     cv::Mat small;
     cv::resize(source, small, size, 0, 0, cv::INTER_AREA);
     return small;
 }
 
-void samplePacked(const GstVideoFrame& frame, cv::Size size, int type, int toBgr, SampledPlanes& planes) {
+void samplePacked(const GstVideoFrame &frame, cv::Size size, int type, int toBgr, SampledPlanes &planes) {
     cv::Mat small = shrink(planeMat(frame, 0, type), size);
     if (toBgr >= 0) {
         cv::Mat bgr;
@@ -49,7 +48,7 @@ cv::Size workingSize(int frameWidth, int frameHeight, int analysisWidth) {
     return {width, height};
 }
 
-bool sampleFrame(const GstVideoFrame& frame, int analysisWidth, SampledPlanes& planes) {
+bool sampleFrame(const GstVideoFrame &frame, int analysisWidth, SampledPlanes &planes) {
     const cv::Size size = workingSize(GST_VIDEO_FRAME_WIDTH(&frame), GST_VIDEO_FRAME_HEIGHT(&frame), analysisWidth);
     switch (GST_VIDEO_FRAME_FORMAT(&frame)) {
     case GST_VIDEO_FORMAT_BGR:

@@ -10,14 +10,14 @@ namespace qxanalytics {
 
 struct SampledPlanes {
     cv::Mat luma; // CV_8UC1, working size
-    cv::Mat cb; // CV_8UC1, working size, 128 = no blue-difference
-    cv::Mat cr; // CV_8UC1, working size, 128 = no red-difference
+    cv::Mat cb;   // CV_8UC1, working size, 128 = no blue-difference
+    cv::Mat cr;   // CV_8UC1, working size, 128 = no red-difference
 };
 
 // Working size: analysisWidth wide (never wider than the frame), height by aspect.
 cv::Size workingSize(int frameWidth, int frameHeight, int analysisWidth);
 
 // Supports BGR, RGB, BGRx, RGBx, I420 and NV12; returns false for any other format.
-bool sampleFrame(const GstVideoFrame& frame, int analysisWidth, SampledPlanes& planes);
+bool sampleFrame(const GstVideoFrame &frame, int analysisWidth, SampledPlanes &planes);
 
 } // namespace qxanalytics

@@ -28,12 +28,12 @@ namespace {
 
 constexpr int kDefaultAnalysisWidth = 320;
 constexpr int kDefaultMaskWidth = 64;
-constexpr double kDefaultMinArea = 0.0005;
+constexpr double kDefaultMinArea = 0.0002;
 constexpr int kDefaultMaxObjects = 16;
 constexpr int kDefaultMinContrast = 24;
 // Objects jumping further than this share of the frame diagonal between frames get a new id.
 constexpr float kTrackGateShare = 0.15f;
-const char* const kObjectLabel = "object";
+const char *const kObjectLabel = "object";
 
 enum {
     PROP_0,
@@ -90,7 +90,7 @@ struct QxAnalyzePrivate {
 
 struct _QxAnalyze {
     GstBaseTransform parent;
-    QxAnalyzePrivate* priv;
+    QxAnalyzePrivate *priv;
 };
 
 G_DEFINE_TYPE(QxAnalyze, qx_analyze, GST_TYPE_BASE_TRANSFORM)
@@ -99,31 +99,40 @@ namespace {
 
 #define QX_ANALYZE_FORMATS "{ BGR, RGB, BGRx, RGBx, I420, NV12 }"
 
-GstStaticPadTemplate sinkTemplate =
-    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE(QX_ANALYZE_FORMATS)));
-GstStaticPadTemplate srcTemplate =
-    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE(QX_ANALYZE_FORMATS)));
+GstStaticPadTemplate sinkTemplate = GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS,
+                                                            GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE(QX_ANALYZE_FORMATS)));
+GstStaticPadTemplate srcTemplate = GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS,
+                                                           GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE(QX_ANALYZE_FORMATS)));
 
-std::string* deviceField(DeviceSettings& device, guint propId) {
+std::string *deviceField(DeviceSettings &device, guint propId) {
     switch (propId) {
-    case PROP_STREAM_ID: return &device.streamId;
-    case PROP_DEVICE_ID: return &device.deviceId;
-    case PROP_MANUFACTURER: return &device.manufacturer;
-    case PROP_MODEL: return &device.model;
-    case PROP_SERIAL: return &device.serial;
-    case PROP_FW_VERSION: return &device.fwVersion;
-    case PROP_URI: return &device.uri;
-    case PROP_IP_ADDRESS: return &device.ipAddress;
-    case PROP_MAC_ADDRESS: return &device.macAddress;
-    default: return nullptr;
+    case PROP_STREAM_ID:
+        return &device.streamId;
+    case PROP_DEVICE_ID:
+        return &device.deviceId;
+    case PROP_MANUFACTURER:
+        return &device.manufacturer;
+    case PROP_MODEL:
+        return &device.model;
+    case PROP_SERIAL:
+        return &device.serial;
+    case PROP_FW_VERSION:
+        return &device.fwVersion;
+    case PROP_URI:
+        return &device.uri;
+    case PROP_IP_ADDRESS:
+        return &device.ipAddress;
+    case PROP_MAC_ADDRESS:
+        return &device.macAddress;
+    default:
+        return nullptr;
     }
 }
 
 // An address that does not parse is refused and the previous value kept, so one typo
 // does not publish a wrong address with every frame. Empty clears the field.
-bool acceptAddress(QxAnalyze* self, guint propId, const std::string& value) {
-    if (value.empty())
-        return true;
+bool acceptAddress(QxAnalyze *self, guint propId, const std::string &value) {
+    if (value.empty()) return true;
     if (propId == PROP_IP_ADDRESS && !qxanalytics::isIpAddress(value)) {
         GST_ERROR_OBJECT(self, "ip-address \"%s\" is not an IPv4 or IPv6 address; keeping the previous value",
                          value.c_str());
@@ -138,61 +147,88 @@ bool acceptAddress(QxAnalyze* self, guint propId, const std::string& value) {
     return true;
 }
 
-void qx_analyze_set_property(GObject* object, guint propId, const GValue* value, GParamSpec* pspec) {
-    QxAnalyze* self = QX_ANALYZE(object);
+void qx_analyze_set_property(GObject *object, guint propId, const GValue *value, GParamSpec *pspec) {
+    QxAnalyze *self = QX_ANALYZE(object);
     std::lock_guard<std::mutex> guard(self->priv->settingsLock);
-    Settings& settings = self->priv->settings;
-    if (std::string* field = deviceField(settings.device, propId)) {
-        const gchar* text = g_value_get_string(value);
+    Settings &settings = self->priv->settings;
+    if (std::string *field = deviceField(settings.device, propId)) {
+        const gchar *text = g_value_get_string(value);
         const std::string newValue = text ? text : "";
-        if (acceptAddress(self, propId, newValue))
-            *field = newValue;
+        if (acceptAddress(self, propId, newValue)) *field = newValue;
         return;
     }
     switch (propId) {
-    case PROP_PORT: settings.device.port = g_value_get_int(value); break;
-    case PROP_ANALYSIS_WIDTH: settings.analysisWidth = g_value_get_int(value); break;
-    case PROP_MASK_WIDTH: settings.analyzer.maskWidth = g_value_get_int(value); break;
-    case PROP_MIN_AREA: settings.analyzer.minAreaFraction = g_value_get_double(value); break;
-    case PROP_MAX_OBJECTS: settings.analyzer.maxObjects = g_value_get_int(value); break;
-    case PROP_MIN_CONTRAST: settings.analyzer.minContrast = g_value_get_int(value); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec); break;
+    case PROP_PORT:
+        settings.device.port = g_value_get_int(value);
+        break;
+    case PROP_ANALYSIS_WIDTH:
+        settings.analysisWidth = g_value_get_int(value);
+        break;
+    case PROP_MASK_WIDTH:
+        settings.analyzer.maskWidth = g_value_get_int(value);
+        break;
+    case PROP_MIN_AREA:
+        settings.analyzer.minAreaFraction = g_value_get_double(value);
+        break;
+    case PROP_MAX_OBJECTS:
+        settings.analyzer.maxObjects = g_value_get_int(value);
+        break;
+    case PROP_MIN_CONTRAST:
+        settings.analyzer.minContrast = g_value_get_int(value);
+        break;
+    default:
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec);
+        break;
     }
 }
 
-void qx_analyze_get_property(GObject* object, guint propId, GValue* value, GParamSpec* pspec) {
-    QxAnalyze* self = QX_ANALYZE(object);
+void qx_analyze_get_property(GObject *object, guint propId, GValue *value, GParamSpec *pspec) {
+    QxAnalyze *self = QX_ANALYZE(object);
     std::lock_guard<std::mutex> guard(self->priv->settingsLock);
-    Settings& settings = self->priv->settings;
-    if (std::string* field = deviceField(settings.device, propId)) {
+    Settings &settings = self->priv->settings;
+    if (std::string *field = deviceField(settings.device, propId)) {
         g_value_set_string(value, field->c_str());
         return;
     }
     switch (propId) {
-    case PROP_PORT: g_value_set_int(value, settings.device.port); break;
-    case PROP_ANALYSIS_WIDTH: g_value_set_int(value, settings.analysisWidth); break;
-    case PROP_MASK_WIDTH: g_value_set_int(value, settings.analyzer.maskWidth); break;
-    case PROP_MIN_AREA: g_value_set_double(value, settings.analyzer.minAreaFraction); break;
-    case PROP_MAX_OBJECTS: g_value_set_int(value, settings.analyzer.maxObjects); break;
-    case PROP_MIN_CONTRAST: g_value_set_int(value, settings.analyzer.minContrast); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec); break;
+    case PROP_PORT:
+        g_value_set_int(value, settings.device.port);
+        break;
+    case PROP_ANALYSIS_WIDTH:
+        g_value_set_int(value, settings.analysisWidth);
+        break;
+    case PROP_MASK_WIDTH:
+        g_value_set_int(value, settings.analyzer.maskWidth);
+        break;
+    case PROP_MIN_AREA:
+        g_value_set_double(value, settings.analyzer.minAreaFraction);
+        break;
+    case PROP_MAX_OBJECTS:
+        g_value_set_int(value, settings.analyzer.maxObjects);
+        break;
+    case PROP_MIN_CONTRAST:
+        g_value_set_int(value, settings.analyzer.minContrast);
+        break;
+    default:
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec);
+        break;
     }
 }
 
-void resetStream(QxAnalyzePrivate* priv) {
+void resetStream(QxAnalyzePrivate *priv) {
     priv->nextFrameId = 0;
     priv->tracker.reset();
 }
 
-gboolean qx_analyze_start(GstBaseTransform* trans) {
-    QxAnalyze* self = QX_ANALYZE(trans);
+gboolean qx_analyze_start(GstBaseTransform *trans) {
+    QxAnalyze *self = QX_ANALYZE(trans);
     resetStream(self->priv);
     self->priv->upstreamStreamId.clear();
     return TRUE;
 }
 
-gboolean qx_analyze_set_caps(GstBaseTransform* trans, GstCaps* incaps, GstCaps* /*outcaps*/) {
-    QxAnalyze* self = QX_ANALYZE(trans);
+gboolean qx_analyze_set_caps(GstBaseTransform *trans, GstCaps *incaps, GstCaps * /*outcaps*/) {
+    QxAnalyze *self = QX_ANALYZE(trans);
     if (!gst_video_info_from_caps(&self->priv->info, incaps)) {
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("qxanalyze cannot read the video caps"),
                           ("caps: %" GST_PTR_FORMAT, incaps));
@@ -205,10 +241,10 @@ gboolean qx_analyze_set_caps(GstBaseTransform* trans, GstCaps* incaps, GstCaps* 
 
 // A new upstream stream starts its frame ids from 0 again; the same stream re-announced
 // (e.g. after a seek) keeps counting so ids stay unique within it.
-gboolean qx_analyze_sink_event(GstBaseTransform* trans, GstEvent* event) {
-    QxAnalyze* self = QX_ANALYZE(trans);
+gboolean qx_analyze_sink_event(GstBaseTransform *trans, GstEvent *event) {
+    QxAnalyze *self = QX_ANALYZE(trans);
     if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START) {
-        const gchar* streamId = nullptr;
+        const gchar *streamId = nullptr;
         gst_event_parse_stream_start(event, &streamId);
         const std::string id = streamId ? streamId : "";
         if (id != self->priv->upstreamStreamId) {
@@ -219,19 +255,18 @@ gboolean qx_analyze_sink_event(GstBaseTransform* trans, GstEvent* event) {
     return GST_BASE_TRANSFORM_CLASS(qx_analyze_parent_class)->sink_event(trans, event);
 }
 
-std::string formatText(const char* format, double a, double b) {
+std::string formatText(const char *format, double a, double b) {
     char text[96];
     std::snprintf(text, sizeof(text), format, a, b);
     return text;
 }
 
-void fillFrame(QxAnalyze* self, const Settings& settings, const qxanalytics::ForegroundResult& foreground,
-               const qxanalytics::SceneVerdict& scene, const std::vector<int>& ids, GstQxBatchMeta* meta) {
-    QxAnalyzePrivate* priv = self->priv;
-    const GstVideoInfo& info = priv->info;
+void fillFrame(QxAnalyze *self, const Settings &settings, const qxanalytics::ForegroundResult &foreground,
+               const qxanalytics::SceneVerdict &scene, const std::vector<int> &ids, GstQxBatchMeta *meta) {
+    QxAnalyzePrivate *priv = self->priv;
+    const GstVideoInfo &info = priv->info;
     std::string streamId = settings.device.streamId;
-    if (streamId.empty())
-        streamId = !priv->upstreamStreamId.empty() ? priv->upstreamStreamId : GST_OBJECT_NAME(self);
+    if (streamId.empty()) streamId = !priv->upstreamStreamId.empty() ? priv->upstreamStreamId : GST_OBJECT_NAME(self);
 
     VideoFrameData frame;
     frame.stream_id = streamId;
@@ -252,7 +287,7 @@ void fillFrame(QxAnalyze* self, const Settings& settings, const qxanalytics::For
     frame.class_results.push_back(std::move(cls));
 
     for (std::size_t i = 0; i < foreground.objects.size(); ++i) {
-        const auto& object = foreground.objects[i];
+        const auto &object = foreground.objects[i];
         quorix::ai::DetectionBoxResult box;
         box.obj_id = ids[i];
         box.obj_label = kObjectLabel;
@@ -267,13 +302,13 @@ void fillFrame(QxAnalyze* self, const Settings& settings, const qxanalytics::For
         frame.det_results.push_back(std::move(box));
     }
 
-    const cv::Mat& coverage = foreground.coverage;
+    const cv::Mat &coverage = foreground.coverage;
     frame.seg_results.reserve(static_cast<std::size_t>(coverage.rows));
     for (int y = 0; y < coverage.rows; ++y) {
         std::vector<quorix::ai::SegmentResult> row(static_cast<std::size_t>(coverage.cols));
-        const uchar* cells = coverage.ptr<uchar>(y);
+        const uchar *cells = coverage.ptr<uchar>(y);
         for (int x = 0; x < coverage.cols; ++x) {
-            auto& cell = row[static_cast<std::size_t>(x)];
+            auto &cell = row[static_cast<std::size_t>(x)];
             const float covered = cells[x] / 255.f;
             const bool isForeground = cells[x] >= 128;
             cell.class_id = isForeground ? 1 : 0;
@@ -301,9 +336,9 @@ void fillFrame(QxAnalyze* self, const Settings& settings, const qxanalytics::For
     meta->frames.assign(1, std::move(frame));
 }
 
-GstFlowReturn qx_analyze_transform_ip(GstBaseTransform* trans, GstBuffer* buffer) {
-    QxAnalyze* self = QX_ANALYZE(trans);
-    QxAnalyzePrivate* priv = self->priv;
+GstFlowReturn qx_analyze_transform_ip(GstBaseTransform *trans, GstBuffer *buffer) {
+    QxAnalyze *self = QX_ANALYZE(trans);
+    QxAnalyzePrivate *priv = self->priv;
     if (!priv->haveInfo) {
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("qxanalyze received a buffer before its caps"), (nullptr));
         return GST_FLOW_NOT_NEGOTIATED;
@@ -338,15 +373,14 @@ GstFlowReturn qx_analyze_transform_ip(GstBaseTransform* trans, GstBuffer* buffer
         mapped.unmap();
 
         std::vector<cv::Point2f> centroids;
-        for (const auto& object : foreground.objects)
+        for (const auto &object : foreground.objects)
             centroids.push_back(object.centroid);
-        priv->tracker.setGate(kTrackGateShare * std::hypot(static_cast<float>(frameSize.width),
-                                                           static_cast<float>(frameSize.height)));
+        priv->tracker.setGate(kTrackGateShare *
+                              std::hypot(static_cast<float>(frameSize.width), static_cast<float>(frameSize.height)));
         const std::vector<int> ids = priv->tracker.assign(centroids);
 
-        GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer);
-        if (!meta)
-            meta = gst_buffer_add_qx_batch_meta(buffer);
+        GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer);
+        if (!meta) meta = gst_buffer_add_qx_batch_meta(buffer);
         if (!meta) {
             GST_WARNING_OBJECT(self, "could not attach batch metadata to %" GST_PTR_FORMAT, buffer);
             return GST_FLOW_OK;
@@ -354,43 +388,43 @@ GstFlowReturn qx_analyze_transform_ip(GstBaseTransform* trans, GstBuffer* buffer
         fillFrame(self, settings, foreground, scene, ids, meta);
         GST_LOG_OBJECT(self, "frame %d: %zu objects, %s", meta->frames.front().frame_id, foreground.objects.size(),
                        scene.label.c_str());
-    } catch (const std::exception& error) {
+    } catch (const std::exception &error) {
         // A failure on one picture loses that picture's results, not the stream.
         GST_ELEMENT_WARNING(self, STREAM, FAILED, ("qxanalyze could not analyse a frame: %s", error.what()), (nullptr));
     }
     return GST_FLOW_OK;
 }
 
-void qx_analyze_finalize(GObject* object) {
-    QxAnalyze* self = QX_ANALYZE(object);
+void qx_analyze_finalize(GObject *object) {
+    QxAnalyze *self = QX_ANALYZE(object);
     delete self->priv;
     self->priv = nullptr;
     G_OBJECT_CLASS(qx_analyze_parent_class)->finalize(object);
 }
 
-void installString(GObjectClass* klass, guint id, const char* name, const char* nick, const char* blurb) {
+void installString(GObjectClass *klass, guint id, const char *name, const char *nick, const char *blurb) {
     g_object_class_install_property(
         klass, id,
-        g_param_spec_string(name, nick, blurb, "",
-                            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                                     GST_PARAM_MUTABLE_PLAYING)));
+        g_param_spec_string(
+            name, nick, blurb, "",
+            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
 }
 
-void installInt(GObjectClass* klass, guint id, const char* name, const char* nick, const char* blurb, int low,
-                int high, int value) {
+void installInt(GObjectClass *klass, guint id, const char *name, const char *nick, const char *blurb, int low, int high,
+                int value) {
     g_object_class_install_property(
         klass, id,
-        g_param_spec_int(name, nick, blurb, low, high, value,
-                         static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                                  GST_PARAM_MUTABLE_PLAYING)));
+        g_param_spec_int(
+            name, nick, blurb, low, high, value,
+            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
 }
 
 } // namespace
 
-static void qx_analyze_class_init(QxAnalyzeClass* klass) {
-    GObjectClass* gobjectClass = G_OBJECT_CLASS(klass);
-    GstElementClass* elementClass = GST_ELEMENT_CLASS(klass);
-    GstBaseTransformClass* transformClass = GST_BASE_TRANSFORM_CLASS(klass);
+static void qx_analyze_class_init(QxAnalyzeClass *klass) {
+    GObjectClass *gobjectClass = G_OBJECT_CLASS(klass);
+    GstElementClass *elementClass = GST_ELEMENT_CLASS(klass);
+    GstBaseTransformClass *transformClass = GST_BASE_TRANSFORM_CLASS(klass);
 
     gobjectClass->set_property = qx_analyze_set_property;
     gobjectClass->get_property = qx_analyze_get_property;
@@ -419,15 +453,14 @@ static void qx_analyze_class_init(QxAnalyzeClass* klass) {
                1024, kDefaultMaskWidth);
     g_object_class_install_property(
         gobjectClass, PROP_MIN_AREA,
-        g_param_spec_double("min-area", "Minimum area", "Smallest object reported, as a share of the frame's area",
-                            0.0, 1.0, kDefaultMinArea,
-                            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                                     GST_PARAM_MUTABLE_PLAYING)));
+        g_param_spec_double(
+            "min-area", "Minimum area", "Smallest object reported, as a share of the frame's area", 0.0, 1.0,
+            kDefaultMinArea,
+            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
     installInt(gobjectClass, PROP_MAX_OBJECTS, "max-objects", "Maximum objects",
                "Largest number of objects reported per frame, the largest first", 1, 256, kDefaultMaxObjects);
     installInt(gobjectClass, PROP_MIN_CONTRAST, "min-contrast", "Minimum contrast",
-               "Least luma difference from the background level that counts as an object", 1, 255,
-               kDefaultMinContrast);
+               "Least luma difference from the background level that counts as an object", 1, 255, kDefaultMinContrast);
 
     gst_element_class_add_static_pad_template(elementClass, &sinkTemplate);
     gst_element_class_add_static_pad_template(elementClass, &srcTemplate);
@@ -451,7 +484,7 @@ static void qx_analyze_class_init(QxAnalyzeClass* klass) {
     GST_DEBUG_CATEGORY_INIT(qx_analyze_debug, "qxanalyze", 0, "debug category for qxanalyze element");
 }
 
-static void qx_analyze_init(QxAnalyze* self) {
+static void qx_analyze_init(QxAnalyze *self) {
     self->priv = new QxAnalyzePrivate();
     gst_base_transform_set_in_place(GST_BASE_TRANSFORM(self), TRUE);
 }

@@ -6,7 +6,7 @@
 #include "gstqxanalyze.h"
 #include "gstqxoverlay.h"
 
-static gboolean plugin_init(GstPlugin* plugin) {
+static gboolean plugin_init(GstPlugin *plugin) {
     return gst_element_register(plugin, "qxanalyze", GST_RANK_NONE, QX_TYPE_ANALYZE) &&
            gst_element_register(plugin, "qxoverlay", GST_RANK_NONE, QX_TYPE_OVERLAY);
 }

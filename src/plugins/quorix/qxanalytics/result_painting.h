@@ -21,9 +21,9 @@ struct PaintPlan {
 
 // picture: the size of the video being drawn on. Boxes were computed on a frame of
 // frame.width x frame.height; when that differs (a scaler in between), they are scaled.
-PaintPlan planPainting(const VideoFrameData& frame, cv::Size picture);
+PaintPlan planPainting(const VideoFrameData &frame, cv::Size picture);
 
 // A mask cell is painted unless it is background: labelled "background", or unlabelled with class 0.
-bool isForegroundCell(const quorix::ai::SegmentResult& cell);
+bool isForegroundCell(const quorix::ai::SegmentResult &cell);
 
 } // namespace qxanalytics

@@ -7,8 +7,8 @@
 namespace qxanalytics {
 
 // Dotted IPv4 or textual IPv6.
-bool isIpAddress(const std::string& text);
+bool isIpAddress(const std::string &text);
 // Six two-digit hex groups separated all by ':' or all by '-'.
-bool isMacAddress(const std::string& text);
+bool isMacAddress(const std::string &text);
 
 } // namespace qxanalytics

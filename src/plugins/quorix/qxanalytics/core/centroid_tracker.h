@@ -9,17 +9,17 @@
 namespace qxanalytics {
 
 class CentroidTracker {
-public:
+  public:
     // gate: the largest jump (pixels) an object may make between frames and keep its id;
     // maxMissed: frames a track survives without a match (short occlusions, missed detections).
     explicit CentroidTracker(float gate = 64.f, int maxMissed = 5) : gate_(gate), maxMissed_(maxMissed) {}
 
     // Returns one id per centroid, in the same order.
-    std::vector<int> assign(const std::vector<cv::Point2f>& centroids);
+    std::vector<int> assign(const std::vector<cv::Point2f> &centroids);
     void setGate(float gate) { gate_ = gate; }
     void reset();
 
-private:
+  private:
     struct Track {
         int id;
         cv::Point2f position;

@@ -10,10 +10,10 @@ namespace {
 
 // The most common level is the background; the median of the histogram is robust
 // against a few large objects and cheap on 8-bit data.
-int medianLevel(const cv::Mat& luma) {
+int medianLevel(const cv::Mat &luma) {
     int histogram[256] = {0};
     for (int y = 0; y < luma.rows; ++y) {
-        const uchar* row = luma.ptr<uchar>(y);
+        const uchar *row = luma.ptr<uchar>(y);
         for (int x = 0; x < luma.cols; ++x)
             ++histogram[row[x]];
     }
@@ -21,8 +21,7 @@ int medianLevel(const cv::Mat& luma) {
     long seen = 0;
     for (int level = 0; level < 256; ++level) {
         seen += histogram[level];
-        if (seen >= half)
-            return level;
+        if (seen >= half) return level;
     }
     return 255;
 }
@@ -35,18 +34,16 @@ struct Candidate {
 } // namespace
 
 cv::Size maskSizeFor(cv::Size frameSize, int maskWidth) {
-    if (maskWidth <= 0 || frameSize.width <= 0 || frameSize.height <= 0)
-        return {0, 0};
+    if (maskWidth <= 0 || frameSize.width <= 0 || frameSize.height <= 0) return {0, 0};
     const int width = std::min(maskWidth, frameSize.width);
-    const int height = std::max(1, static_cast<int>(std::lround(static_cast<double>(width) * frameSize.height /
-                                                                frameSize.width)));
+    const int height =
+        std::max(1, static_cast<int>(std::lround(static_cast<double>(width) * frameSize.height / frameSize.width)));
     return {width, height};
 }
 
-ForegroundResult findForeground(const cv::Mat& luma, cv::Size frameSize, const AnalyzerSettings& settings) {
+ForegroundResult findForeground(const cv::Mat &luma, cv::Size frameSize, const AnalyzerSettings &settings) {
     ForegroundResult result;
-    if (luma.empty() || luma.type() != CV_8UC1)
-        return result;
+    if (luma.empty() || luma.type() != CV_8UC1) return result;
 
     cv::Mat deviation;
     cv::absdiff(luma, cv::Scalar(medianLevel(luma)), deviation);
@@ -59,17 +56,17 @@ ForegroundResult findForeground(const cv::Mat& luma, cv::Size frameSize, const A
     cv::findContours(foreground, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
 
     const double pictureArea = static_cast<double>(luma.total());
-    const double minArea = std::max(4.0, settings.minAreaFraction * pictureArea);
+    const double minArea = std::max(6.0, settings.minAreaFraction * pictureArea);
     std::vector<Candidate> candidates;
-    for (auto& contour : contours) {
-        // Polygon area through the boundary pixels' centres: a line or a speck of a few
-        // pixels has almost none, which is what filters it out.
-        const double area = cv::contourArea(contour);
-        if (area >= minArea)
-            candidates.push_back({std::move(contour), area});
+    for (auto &contour : contours) {
+        // The polygon through the boundary pixels' centres misses about half a pixel all
+        // round, which matters for objects a few working pixels wide (a ball at 1080p);
+        // adding half the perimeter counts the blob's pixels closely.
+        const double area = cv::contourArea(contour) + cv::arcLength(contour, true) / 2.0 + 1.0;
+        if (area >= minArea) candidates.push_back({std::move(contour), area});
     }
     std::sort(candidates.begin(), candidates.end(),
-              [](const Candidate& a, const Candidate& b) { return a.area > b.area; });
+              [](const Candidate &a, const Candidate &b) { return a.area > b.area; });
     if (static_cast<int>(candidates.size()) > settings.maxObjects)
         candidates.resize(static_cast<std::size_t>(std::max(0, settings.maxObjects)));
 
@@ -77,7 +74,7 @@ ForegroundResult findForeground(const cv::Mat& luma, cv::Size frameSize, const A
     const float scaleY = static_cast<float>(frameSize.height) / static_cast<float>(luma.rows);
     cv::Mat kept = cv::Mat::zeros(luma.size(), CV_8UC1);
     std::vector<std::vector<cv::Point>> keptContours;
-    for (const auto& candidate : candidates) {
+    for (const auto &candidate : candidates) {
         std::vector<cv::Point> hull;
         cv::convexHull(candidate.contour, hull);
         const double hullArea = cv::contourArea(hull);
@@ -90,7 +87,8 @@ ForegroundResult findForeground(const cv::Mat& luma, cv::Size frameSize, const A
                                                         static_cast<float>(moments.m01 / moments.m00) * scaleY)
                                           : cv::Point2f((bounds.x + bounds.width / 2.f) * scaleX,
                                                         (bounds.y + bounds.height / 2.f) * scaleY);
-        object.solidity = hullArea > 0 ? static_cast<float>(std::min(1.0, candidate.area / hullArea)) : 0.f;
+        object.solidity =
+            hullArea > 0 ? static_cast<float>(std::min(1.0, cv::contourArea(candidate.contour) / hullArea)) : 0.f;
         object.areaFraction = static_cast<float>(candidate.area / pictureArea);
         result.objects.push_back(object);
         keptContours.push_back(candidate.contour);

@@ -11,7 +11,7 @@ namespace qxanalytics {
 
 struct AnalyzerSettings {
     // Smallest object kept, as a share of the picture's area; smaller blobs are noise.
-    double minAreaFraction = 0.0005;
+    double minAreaFraction = 0.0002;
     // At most this many objects per frame, the largest first.
     int maxObjects = 16;
     // A pixel must differ from the background level by at least this much, so a flat
@@ -22,9 +22,9 @@ struct AnalyzerSettings {
 };
 
 struct DetectedObject {
-    cv::Rect2f box; // in pixels of the full frame
-    cv::Point2f centroid; // in pixels of the full frame
-    float solidity = 0.f; // contour area / convex hull area, 0..1
+    cv::Rect2f box;           // in pixels of the full frame
+    cv::Point2f centroid;     // in pixels of the full frame
+    float solidity = 0.f;     // contour area / convex hull area, 0..1
     float areaFraction = 0.f; // contour area / picture area
 };
 
@@ -36,7 +36,7 @@ struct ForegroundResult {
 };
 
 // luma: CV_8UC1 working picture; frameSize: the full frame it was scaled from.
-ForegroundResult findForeground(const cv::Mat& luma, cv::Size frameSize, const AnalyzerSettings& settings);
+ForegroundResult findForeground(const cv::Mat &luma, cv::Size frameSize, const AnalyzerSettings &settings);
 
 // Size of the coverage mask for a frame: maskWidth wide (never wider than the frame), height by aspect, >= 1.
 cv::Size maskSizeFor(cv::Size frameSize, int maskWidth);

@@ -16,7 +16,7 @@ struct Colour {
 };
 
 struct PaintBox {
-    cv::Rect2f box; // pixels of the picture
+    cv::Rect2f box;   // pixels of the picture
     std::string text; // drawn above the box; empty draws none
 };
 
@@ -36,9 +36,9 @@ struct PaintStyle {
 // rows x columns cells: [column*W/columns, (column+1)*W/columns) and likewise for rows.
 cv::Rect maskCellRect(cv::Size picture, int rows, int row, int columns, int column);
 
-void paintMask(cv::Mat& picture, const CellMask& mask, const PaintStyle& style, ChannelOrder order);
-void paintBoxes(cv::Mat& picture, const std::vector<PaintBox>& boxes, const PaintStyle& style, ChannelOrder order);
+void paintMask(cv::Mat &picture, const CellMask &mask, const PaintStyle &style, ChannelOrder order);
+void paintBoxes(cv::Mat &picture, const std::vector<PaintBox> &boxes, const PaintStyle &style, ChannelOrder order);
 // Text lines in the top-left corner on a dark band.
-void paintCaption(cv::Mat& picture, const std::vector<std::string>& lines, ChannelOrder order);
+void paintCaption(cv::Mat &picture, const std::vector<std::string> &lines, ChannelOrder order);
 
 } // namespace qxanalytics

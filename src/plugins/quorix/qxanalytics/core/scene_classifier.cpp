@@ -4,10 +4,9 @@
 
 namespace qxanalytics {
 
-SceneVerdict classifyScene(const cv::Mat& luma, const cv::Mat& cb, const cv::Mat& cr) {
+SceneVerdict classifyScene(const cv::Mat &luma, const cv::Mat &cb, const cv::Mat &cr) {
     SceneVerdict verdict;
-    if (luma.empty())
-        return verdict;
+    if (luma.empty()) return verdict;
     verdict.meanLuma = static_cast<float>(cv::mean(luma)[0]);
     if (!cb.empty() && !cr.empty() && cb.size() == luma.size() && cr.size() == luma.size()) {
         cv::Mat blue, red, chroma;
@@ -20,7 +19,8 @@ SceneVerdict classifyScene(const cv::Mat& luma, const cv::Mat& cb, const cv::Mat
     if (verdict.colourfulness >= kColourfulChroma) {
         verdict.cls = SceneClass::Colourful;
         verdict.label = "colourful";
-        verdict.probability = std::min(1.f, 0.5f + 0.5f * (verdict.colourfulness - kColourfulChroma) / kColourfulChroma);
+        verdict.probability =
+            std::min(1.f, 0.5f + 0.5f * (verdict.colourfulness - kColourfulChroma) / kColourfulChroma);
     } else if (verdict.meanLuma < 128.f) {
         verdict.cls = SceneClass::Dark;
         verdict.label = "dark";
