@@ -3,7 +3,6 @@
 namespace com::quorixtech::marlet::detail {
 
 namespace {
-constexpr std::int32_t kWriterHistoryDepth = 8;
 // Long enough to ride out a reader that is a few 6 MB frames behind; a writer
 // that is stuck longer than this reports the timeout instead of hanging the
 // streaming thread.
@@ -25,7 +24,7 @@ void fillGroupQos(Qos &qos, const std::string &partition, const std::string &ide
 void fillWriterQos(Qos &qos, const std::string &identity) {
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, kMaxBlockingTime);
     dds_qset_durability(qos.get(), DDS_DURABILITY_VOLATILE);
-    dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, kWriterHistoryDepth);
+    dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, DDS_LENGTH_UNLIMITED);
     setUserData(qos, identity);
 }
 

@@ -16,8 +16,11 @@ std::string anyFlowPartition();
 // Publisher or subscriber QoS: one partition and the thing's identity as
 // group data, so that discovery tools can tell things apart.
 void fillGroupQos(Qos &qos, const std::string &partition, const std::string &identity);
-// Reliable, volatile, a short writer history: WhcHigh in the bus configuration
-// bounds the bytes in flight, the history only the samples kept for late acks.
+// Reliable, volatile, keep everything until acknowledged: with a short
+// keep-last history a reader that fell a few 6 MB frames behind lost frames for
+// good (the writer had replaced them before the repair request came). Keep-all
+// makes write() wait instead, bounded by WhcHigh in the bus configuration
+// (bytes in flight) and the max blocking time (then DdsError with timeout).
 void fillWriterQos(Qos &qos, const std::string &identity);
 // Reliable, volatile, keep everything: the reader thread drains continuously
 // and every frame is wanted.

@@ -1,7 +1,9 @@
 // A second bus process for the cross-process tests. Run in a configuration
 // root: reads VideoFrameData and writes every sample back unchanged on
 // DeviceInfoData, until a sample holding a pair named "stop" arrives.
-// Prints "ready <thing id>" once its reader exists.
+// Prints "ready <thing id>" once its reader exists. Frames whose first pair is
+// "burst_id" are counted instead of echoed; on stop it prints
+// "big frames <n> in order" or "big frames <n> out of order".
 
 #include <chrono>
 #include <iostream>
@@ -19,16 +21,24 @@ int main() {
         selector.read<std::vector<m::IOT_NVP>>(0); // creates the reader
         std::cout << "ready " << out.getId() << std::endl;
 
+        std::uint32_t bigFrames = 0;
+        bool inOrder = true;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
         while (std::chrono::steady_clock::now() < deadline) {
             for (const auto &sample : selector.read<std::vector<m::IOT_NVP>>(200)) {
                 const auto &pairs = sample.getData();
                 if (!pairs.empty() && pairs[0].name() == "stop") {
-                    std::cout << "stopping" << std::endl;
+                    std::cout << "big frames " << bigFrames << (inOrder ? " in order" : " out of order") << std::endl;
                     out.close();
                     in.close();
                     bus.close();
                     return 0;
+                }
+                if (!pairs.empty() && pairs[0].name() == "burst_id") {
+                    const std::uint32_t id = pairs[0].value().iotv_uint32();
+                    inOrder = inOrder && id == bigFrames + 1;
+                    ++bigFrames;
+                    continue;
                 }
                 out.write("DeviceInfoData", pairs);
                 std::cout << "echoed " << sample.getSequence() << " from " << sample.getSourceId() << std::endl;
