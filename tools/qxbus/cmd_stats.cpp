@@ -31,22 +31,33 @@ struct Counter {
     std::atomic<std::uint64_t> samples{0};
     std::atomic<std::uint64_t> bytes{0};
     std::atomic<std::uint64_t> malformed{0};
+    bool failed = false; // touched by its reader thread only
 };
+
+// Reads one batch; false when nothing came, or reading this group is no longer possible.
+bool countBatch(Counter& counter, long timeoutMs) {
+    try {
+        const auto samples = counter.selector.read<Pairs>(timeoutMs);
+        for (const auto& sample : samples) {
+            counter.samples.fetch_add(1);
+            counter.bytes.fetch_add(recordBytes(sample.getData()));
+        }
+        return !samples.empty();
+    } catch (const marlet::DecodeError&) {
+        counter.malformed.fetch_add(1);
+        return true;
+    } catch (const std::exception& e) {
+        std::cerr << "qxbus: stopped reading " << counter.group->definition.topic << ": " << e.what() << '\n';
+        counter.failed = true;
+        return false;
+    }
+}
 
 // One reader per tag group, so a busy video topic never delays the counting of the others.
 void countSamples(Counter& counter, const std::atomic<bool>& done) {
-    while (!done.load()) {
-        try {
-            for (const auto& sample : counter.selector.read<Pairs>(kReadSliceMs)) {
-                counter.samples.fetch_add(1);
-                counter.bytes.fetch_add(recordBytes(sample.getData()));
-            }
-        } catch (const marlet::DecodeError&) {
-            counter.malformed.fetch_add(1);
-        } catch (const std::exception& e) {
-            std::cerr << "qxbus: stopped reading " << counter.group->definition.topic << ": " << e.what() << '\n';
-            return;
-        }
+    while (!done.load() && !counter.failed) countBatch(counter, kReadSliceMs);
+    // What had arrived when the window closed belongs to the window.
+    while (!counter.failed && countBatch(counter, 0)) {
     }
 }
 
