@@ -29,22 +29,22 @@ constexpr auto BYTES = IotKind::iotv_byte_seq;
 constexpr auto SEQ = IotKind::iotv_nvp_seq;
 
 // Wire tables as peers know them; written out here, not taken from the encoders.
-const std::vector<WireField> kFrameWire = {
-    {"stream_id", S}, {"frame_id", U32}, {"timestamp", I64}, {"data", BYTES}, {"width", U32},       {"height", U32},
-    {"channels", U32}, {"size", U32},    {"format", S},      {"compression", S}, {"framerate", F32}};
-const std::vector<WireField> kDeviceWire = {
-    {"stream_id", S}, {"mac_address", S}, {"ip_address", S}, {"port", I32}, {"uri", S},    {"manufacturer", S},
-    {"model", S},     {"serial", S},      {"fw_version", S}, {"dev_id", S}, {"status", S}, {"kind", S},
-    {"protocol", S}};
+const std::vector<WireField> kFrameWire = {{"stream_id", S}, {"frame_id", U32},  {"timestamp", I64}, {"data", BYTES},
+                                           {"width", U32},   {"height", U32},    {"channels", U32},  {"size", U32},
+                                           {"format", S},    {"compression", S}, {"framerate", F32}};
+const std::vector<WireField> kDeviceWire = {{"stream_id", S},  {"mac_address", S},  {"ip_address", S}, {"port", I32},
+                                            {"uri", S},        {"manufacturer", S}, {"model", S},      {"serial", S},
+                                            {"fw_version", S}, {"dev_id", S},       {"status", S},     {"kind", S},
+                                            {"protocol", S}};
 const std::vector<WireField> kResultHeaderWire = {{"engine_id", S}, {"stream_id", S}, {"frame_id", U32}, {"data", SEQ}};
 const std::vector<WireField> kClassWire = {{"index", I32}, {"output", S}, {"label", S}, {"probability", F32}};
-const std::vector<WireField> kBoxWire = {{"obj_id", I32}, {"obj_label", S},     {"class_id", I32}, {"class_label", S},
-                                         {"x1", F32},     {"y1", F32},          {"x2", F32},       {"y2", F32},
+const std::vector<WireField> kBoxWire = {{"obj_id", I32},      {"obj_label", S}, {"class_id", I32}, {"class_label", S},
+                                         {"x1", F32},          {"y1", F32},      {"x2", F32},       {"y2", F32},
                                          {"probability", F32}, {"meta", S}};
 const std::vector<WireField> kSegmentWire = {
     {"engine_id", S}, {"stream_id", S}, {"frame_id", U32}, {"inference_id", U32}, {"data", SEQ}};
-const std::vector<WireField> kMaskWire = {{"id", U32},       {"repeat", U32}, {"width", U32},       {"height", U32},
-                                          {"size", U32},     {"channels", U32}, {"color", U32},    {"label", S},
+const std::vector<WireField> kMaskWire = {{"id", U32},          {"repeat", U32},   {"width", U32}, {"height", U32},
+                                          {"size", U32},        {"channels", U32}, {"color", U32}, {"label", S},
                                           {"probability", F32}, {"data", BYTES}};
 
 FrameInfo sampleFrame(std::size_t bytes = 12) {
@@ -52,7 +52,8 @@ FrameInfo sampleFrame(std::size_t bytes = 12) {
     f.stream_id = "cam-1";
     f.frame_id = 42;
     f.timestamp = 20240102030405006LL;
-    for (std::size_t i = 0; i < bytes; ++i) f.data.push_back(static_cast<unsigned char>(i + 1));
+    for (std::size_t i = 0; i < bytes; ++i)
+        f.data.push_back(static_cast<unsigned char>(i + 1));
     f.width = 4;
     f.height = 1;
     f.channels = 3;
@@ -124,7 +125,7 @@ SegmentInfo sampleSegments(std::size_t count = 2) {
     return s;
 }
 
-template <typename Record> Record decoded(const Pairs& pairs) {
+template <typename Record> Record decoded(const Pairs &pairs) {
     Record r;
     DecodeRecord(pairs, r);
     return r;
@@ -193,23 +194,23 @@ TEST(RecordsWire, ValuesLandInTheirOwnPairs) {
 // Decoding what was encoded must give back a record that encodes to the
 // very same pairs; combined with the wire checks above this covers every member.
 TEST(RecordsRoundTrip, DecodeThenEncodeReproducesThePairs) {
-    const std::vector<std::pair<const char*, std::function<Pairs(const Pairs&)>>> cases = {
-        {"frame", [](const Pairs& p) { return decoded<FrameInfo>(p).Encode(); }},
-        {"device", [](const Pairs& p) { return decoded<DeviceInfo>(p).Encode(); }},
-        {"classification", [](const Pairs& p) { return decoded<Information<ClassificationData>>(p).Encode(); }},
-        {"detection", [](const Pairs& p) { return decoded<Information<DetectionBoxData>>(p).Encode(); }},
-        {"segments", [](const Pairs& p) { return decoded<SegmentInfo>(p).Encode(); }},
+    const std::vector<std::pair<const char *, std::function<Pairs(const Pairs &)>>> cases = {
+        {"frame", [](const Pairs &p) { return decoded<FrameInfo>(p).Encode(); }},
+        {"device", [](const Pairs &p) { return decoded<DeviceInfo>(p).Encode(); }},
+        {"classification", [](const Pairs &p) { return decoded<Information<ClassificationData>>(p).Encode(); }},
+        {"detection", [](const Pairs &p) { return decoded<Information<DetectionBoxData>>(p).Encode(); }},
+        {"segments", [](const Pairs &p) { return decoded<SegmentInfo>(p).Encode(); }},
     };
-    const std::vector<Pairs> inputs = {sampleFrame().Encode(), sampleDevice().Encode(),
-                                       sampleClassification().Encode(), sampleDetection().Encode(),
-                                       sampleSegments(3).Encode()};
-    for (std::size_t i = 0; i < cases.size(); ++i) EXPECT_EQ(cases[i].second(inputs[i]), inputs[i]) << cases[i].first;
+    const std::vector<Pairs> inputs = {sampleFrame().Encode(), sampleDevice().Encode(), sampleClassification().Encode(),
+                                       sampleDetection().Encode(), sampleSegments(3).Encode()};
+    for (std::size_t i = 0; i < cases.size(); ++i)
+        EXPECT_EQ(cases[i].second(inputs[i]), inputs[i]) << cases[i].first;
 }
 
 TEST(RecordsRoundTrip, DetectionBoxKeepsAllTenValuesDespiteTheWireOrder) {
     const auto back = decoded<Information<DetectionBoxData>>(sampleDetection().Encode());
     ASSERT_EQ(back.data.size(), 2u);
-    const auto& b = back.data[0];
+    const auto &b = back.data[0];
     EXPECT_EQ(b.obj_id, 5);
     EXPECT_EQ(b.class_id, 1);
     EXPECT_EQ(b.obj_label, "person");
@@ -235,14 +236,14 @@ TEST(RecordsRoundTrip, MovingDecoderTakesTheSameValues) {
 
 TEST(RecordsDecode, FrameRules) {
     struct Case {
-        const char* what;
+        const char *what;
         Pairs pairs;
-        std::function<void(const FrameInfo&)> check;
+        std::function<void(const FrameInfo &)> check;
     };
     const std::vector<Case> cases = {
         {"unknown names are ignored",
          {pairU32("frame_id", 5), pairStr("colour", "red"), pairI32("", 3)},
-         [](const FrameInfo& f) {
+         [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 5u);
              EXPECT_EQ(f.Encode(), [] {
                  FrameInfo e;
@@ -252,32 +253,32 @@ TEST(RecordsDecode, FrameRules) {
          }},
         {"a missing framerate stays 0",
          {pairStr("stream_id", "s"), pairU32("width", 8)},
-         [](const FrameInfo& f) {
+         [](const FrameInfo &f) {
              EXPECT_EQ(f.framerate, 0.0f);
              EXPECT_EQ(f.width, 8u);
              EXPECT_EQ(f.stream_id, "s");
          }},
         {"the last of two equal names wins",
          {pairU32("frame_id", 1), pairStr("format", "a"), pairU32("frame_id", 2), pairStr("format", "b")},
-         [](const FrameInfo& f) {
+         [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 2u);
              EXPECT_EQ(f.format, "b");
          }},
         {"names are case-sensitive",
          {pairU32("FRAME_ID", 9), pairU32("Frame_id", 8), pairStr("Stream_id", "x")},
-         [](const FrameInfo& f) {
+         [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 0u);
              EXPECT_EQ(f.stream_id, "");
          }},
         {"order does not matter",
          {pairF32("framerate", 12.5f), pairBytes("data", {9, 8}), pairStr("stream_id", "z")},
-         [](const FrameInfo& f) {
+         [](const FrameInfo &f) {
              EXPECT_EQ(f.framerate, 12.5f);
              EXPECT_EQ(f.data, (std::vector<unsigned char>{9, 8}));
              EXPECT_EQ(f.stream_id, "z");
          }},
     };
-    for (const auto& c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         c.check(decoded<FrameInfo>(c.pairs));
     }
@@ -301,7 +302,7 @@ TEST(RecordsDecode, ListEntriesDecodeWhateverTheirNameAndInOrder) {
 
 TEST(RecordsDecode, WrongKindThrowsTheBusLibrarysError) {
     using com::quorixtech::iot::IotKindError;
-    const std::vector<std::pair<const char*, std::function<void()>>> cases = {
+    const std::vector<std::pair<const char *, std::function<void()>>> cases = {
         {"frame_id as int32", [] { decoded<FrameInfo>({pairI32("frame_id", 1)}); }},
         {"data as string", [] { decoded<FrameInfo>({pairStr("data", "x")}); }},
         {"port as string", [] { decoded<DeviceInfo>({pairStr("port", "80")}); }},
@@ -314,7 +315,8 @@ TEST(RecordsDecode, WrongKindThrowsTheBusLibrarysError) {
         {"mask probability as string",
          [] { decoded<SegmentInfo>({pairSeq("data", {pairSeq("", {pairStr("probability", "1")})})}); }},
     };
-    for (const auto& c : cases) EXPECT_THROW(c.second(), IotKindError) << c.first;
+    for (const auto &c : cases)
+        EXPECT_THROW(c.second(), IotKindError) << c.first;
 }
 
 TEST(RecordsDump, FrameInfo) {
@@ -401,8 +403,8 @@ TEST(RecordsDump, SegmentsShowAtMostTenElements) {
                            "frame_id = 11\n"
                            "inference_id = 12\n"
                            "data = \n";
-    for (int i = 0; i < 10; ++i) expected += std::to_string(i) + ", label" + std::to_string(i) + ", " +
-                                             std::to_string(100 + i) + ", 50\n";
+    for (int i = 0; i < 10; ++i)
+        expected += std::to_string(i) + ", label" + std::to_string(i) + ", " + std::to_string(100 + i) + ", 50\n";
     expected += " ... \n";
     EXPECT_EQ(sampleSegments(12).GetString(), expected);
 }

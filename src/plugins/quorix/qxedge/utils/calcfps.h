@@ -8,7 +8,7 @@
 namespace TOLVIXO {
 
 class FPSCalc {
-public:
+  public:
     FPSCalc();
     ~FPSCalc();
 
@@ -16,7 +16,7 @@ public:
     // for the first 30 calls and the rate ("%f") after that.
     std::string showFPS(double tick);
 
-private:
+  private:
     int count_;
     std::vector<double> intervals_;
     double lastTick_;

@@ -7,21 +7,21 @@
 
 // Packed I420 (Y, then U, then V, no padding) from strided planes, as one
 // single-channel matrix of height + height/2 rows.
-cv::Mat createYUVI420p(int width, int height, const unsigned char* y, const unsigned char* u, const unsigned char* v,
+cv::Mat createYUVI420p(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
                        int strideY, int strideCbCr);
 
 // B,G,R image from planar I420.
-cv::Mat YUV420p2BGR888(int width, int height, const unsigned char* y, const unsigned char* u, const unsigned char* v,
+cv::Mat YUV420p2BGR888(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
                        int strideY, int strideCbCr);
 
 // B,G,R image from semi-planar NV12.
-cv::Mat YUVNV122BGR888(int width, int height, const unsigned char* y, const unsigned char* uv, int strideY,
+cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY,
                        int strideUV);
 
 // Reads the image as R,G,B and writes I420 planes with the given strides.
-void RGB8882YUVI420p(cv::Mat image, unsigned char* y, unsigned char* u, unsigned char* v, int& strideY,
-                     int& strideCbCr);
+void RGB8882YUVI420p(cv::Mat image, unsigned char *y, unsigned char *u, unsigned char *v, int &strideY,
+                     int &strideCbCr);
 
 // Reads the image as B,G,R and writes NV12; the chroma pairs are written as one
 // packed run with no row stride.
-void RGB8882YUVNV12(cv::Mat image, unsigned char* y, unsigned char* uv, int& strideY);
+void RGB8882YUVNV12(cv::Mat image, unsigned char *y, unsigned char *uv, int &strideY);

@@ -15,7 +15,7 @@ namespace {
 
 // Raw rows, read consecutively from the start of the payload. A payload that
 // runs out mid-image fills what it can, then throws.
-void copyRows(const std::vector<unsigned char>& data, cv::Mat& out) {
+void copyRows(const std::vector<unsigned char> &data, cv::Mat &out) {
     const std::size_t rowBytes = out.step[0];
     std::size_t offset = 0;
     for (int row = 0; row < out.rows; ++row) {
@@ -33,7 +33,7 @@ void copyRows(const std::vector<unsigned char>& data, cv::Mat& out) {
 // The payload's first size bytes, taken as pixels already. Never writes past
 // the image: a size larger than the picture is a broken sample, not a reason
 // to overrun memory.
-void copyEncoded(const std::vector<unsigned char>& data, std::uint32_t size, cv::Mat& out) {
+void copyEncoded(const std::vector<unsigned char> &data, std::uint32_t size, cv::Mat &out) {
     const std::size_t capacity = out.isContinuous() ? out.total() * out.elemSize() : out.step[0];
     const std::size_t available = std::min<std::size_t>(size, data.size());
     std::memcpy(out.data, data.data(), std::min(available, capacity));
@@ -47,8 +47,8 @@ void copyEncoded(const std::vector<unsigned char>& data, std::uint32_t size, cv:
 
 } // namespace
 
-void frameToMat(const std::vector<unsigned char>& data, std::uint32_t width, std::uint32_t height, std::uint32_t size,
-                const std::string& compression, cv::Mat& out) {
+void frameToMat(const std::vector<unsigned char> &data, std::uint32_t width, std::uint32_t height, std::uint32_t size,
+                const std::string &compression, cv::Mat &out) {
     if (data.empty() || width == 0 || height == 0) return;
     // Every frame is taken as 3 bytes a pixel, whatever its format token says.
     if (out.rows != static_cast<int>(height) || out.cols != static_cast<int>(width))
@@ -59,7 +59,7 @@ void frameToMat(const std::vector<unsigned char>& data, std::uint32_t width, std
     } else if (compression.find("GST_ENCODED") != std::string::npos) {
         copyEncoded(data, size, out);
     } else if (compression.find("JPG") != std::string::npos) {
-        const cv::Mat encoded(1, static_cast<int>(data.size()), CV_8UC1, const_cast<unsigned char*>(data.data()));
+        const cv::Mat encoded(1, static_cast<int>(data.size()), CV_8UC1, const_cast<unsigned char *>(data.data()));
         out = cv::imdecode(encoded, cv::IMREAD_COLOR);
     } else {
         // Wording kept: operators' log filters match it.
@@ -67,6 +67,6 @@ void frameToMat(const std::vector<unsigned char>& data, std::uint32_t width, std
     }
 }
 
-void FrameInfo::ToMat(cv::Mat& out) const { frameToMat(data, width, height, size, compression, out); }
+void FrameInfo::ToMat(cv::Mat &out) const { frameToMat(data, width, height, size, compression, out); }
 
 } // namespace TOLVIXO

@@ -10,7 +10,7 @@
 
 namespace TOLVIXO {
 
-void frameToMat(const std::vector<unsigned char>& data, std::uint32_t width, std::uint32_t height, std::uint32_t size,
-                const std::string& compression, cv::Mat& out);
+void frameToMat(const std::vector<unsigned char> &data, std::uint32_t width, std::uint32_t height, std::uint32_t size,
+                const std::string &compression, cv::Mat &out);
 
 } // namespace TOLVIXO

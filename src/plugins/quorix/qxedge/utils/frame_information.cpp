@@ -9,12 +9,12 @@ namespace TOLVIXO {
 
 namespace {
 
-const char* const kRule = "************************************";
+const char *const kRule = "************************************";
 
 // Header shared by the classification and detection dumps. The label
 // "Data content = " ends in a newline of its own and is followed by another,
 // which leaves the blank line that readers of these logs are used to.
-template <typename T> void dumpResultHeader(std::ostringstream& ss, const Information<T>& info) {
+template <typename T> void dumpResultHeader(std::ostringstream &ss, const Information<T> &info) {
     ss << kRule << std::endl;
     ss << "EngineID = " << info.engine_id << std::endl;
     ss << "StreamID = " << info.stream_id << std::endl;
@@ -41,7 +41,8 @@ std::string FrameInfo::GetString() const {
     // At most ten payload bytes, so that dumps of full frames stay short.
     ss << "data = ";
     const std::size_t shown = std::min<std::size_t>(data.size(), 10);
-    for (std::size_t i = 0; i < shown; ++i) ss << static_cast<unsigned>(data[i]) << ",";
+    for (std::size_t i = 0; i < shown; ++i)
+        ss << static_cast<unsigned>(data[i]) << ",";
     ss << " ... " << std::endl;
     ss << "width = " << width << std::endl;
     ss << "height = " << height << std::endl;
@@ -54,7 +55,7 @@ std::string FrameInfo::GetString() const {
     return ss.str();
 }
 
-void FrameInfo::Copy(FrameInfo& target) {
+void FrameInfo::Copy(FrameInfo &target) {
     target.stream_id = stream_id;
     target.frame_id = frame_id;
     target.timestamp = timestamp;
@@ -101,7 +102,7 @@ std::string DeviceInfo::GetString() const {
 template <> NvpList Information<ClassificationData>::Encode() const {
     NvpList entries;
     entries.reserve(data.size());
-    for (const auto& c : data) {
+    for (const auto &c : data) {
         NvpList item;
         item.reserve(4);
         item.push_back(fields::i32("index", c.index));
@@ -123,7 +124,7 @@ template <> std::string Information<ClassificationData>::GetString() const {
     std::ostringstream ss;
     dumpResultHeader(ss, *this);
     for (std::size_t i = 0; i < data.size(); ++i) {
-        const auto& c = data[i];
+        const auto &c = data[i];
         ss << "[" << i << "]" << std::endl;
         ss << " Index = " << c.index << std::endl;
         ss << " Output = " << c.output << std::endl;
@@ -135,7 +136,7 @@ template <> std::string Information<ClassificationData>::GetString() const {
     return ss.str();
 }
 
-void DetectionBoxData::Encode(NvpList& seq) const {
+void DetectionBoxData::Encode(NvpList &seq) const {
     // Ids and labels interleave on the wire, unlike the member order; peers
     // expect exactly this order.
     seq.push_back(fields::i32("obj_id", obj_id));
@@ -153,7 +154,7 @@ void DetectionBoxData::Encode(NvpList& seq) const {
 template <> NvpList Information<DetectionBoxData>::Encode() const {
     NvpList entries;
     entries.reserve(data.size());
-    for (const auto& box : data) {
+    for (const auto &box : data) {
         NvpList item;
         item.reserve(10);
         box.Encode(item);
@@ -172,7 +173,7 @@ template <> std::string Information<DetectionBoxData>::GetString() const {
     std::ostringstream ss;
     dumpResultHeader(ss, *this);
     for (std::size_t i = 0; i < data.size(); ++i) {
-        const auto& b = data[i];
+        const auto &b = data[i];
         ss << "[" << i << "]" << std::endl;
         ss << " (ObjID, ObjLabel) = (" << b.obj_id << ", " << b.obj_label << ")" << std::endl;
         ss << " (ClassID, ClassLabel) = (" << b.class_id << ", " << b.class_label << ")" << std::endl;
@@ -190,7 +191,8 @@ NvpList SegmentationData::Encode() const { return fields::encodeMask(*this); }
 NvpList SegmentInfo::Encode() const {
     NvpList entries;
     entries.reserve(data.size());
-    for (const auto& mask : data) entries.push_back(fields::entry(mask.Encode()));
+    for (const auto &mask : data)
+        entries.push_back(fields::entry(mask.Encode()));
     NvpList pairs;
     pairs.reserve(5);
     pairs.push_back(fields::str("engine_id", engine_id));
@@ -212,7 +214,7 @@ std::string SegmentInfo::GetString() const {
     // Ten elements at most: a full mask set runs to thousands.
     const std::size_t shown = std::min<std::size_t>(data.size(), 10);
     for (std::size_t i = 0; i < shown; ++i) {
-        const auto& m = data[i];
+        const auto &m = data[i];
         ss << m.id << ", " << m.label << ", " << m.width << ", " << m.height << std::endl;
     }
     ss << " ... " << std::endl;

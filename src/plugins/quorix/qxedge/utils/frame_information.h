@@ -36,9 +36,9 @@ struct FrameInfo {
     std::string GetString() const;
     // Copies this frame into target; the bytes are appended to whatever target
     // already holds (see frame_information.cpp).
-    void Copy(FrameInfo& target);
+    void Copy(FrameInfo &target);
     // Picture as a 3-channel 8-bit image; see frame_image.cpp.
-    void ToMat(cv::Mat& out) const;
+    void ToMat(cv::Mat &out) const;
 
     // Current time; none of them reads the record.
     static std::string GetUTCTime();
@@ -88,7 +88,7 @@ struct DetectionBoxData {
     std::string meta;
 
     // Appends the box's ten pairs to seq (callers pass an empty one per box).
-    void Encode(NvpList& seq) const;
+    void Encode(NvpList &seq) const;
 };
 
 // One inference result set for one frame ("ClassificationData",
@@ -141,18 +141,18 @@ struct SegmentInfo {
 // it is in out (callers pass a fresh record), a repeated name keeps the last
 // value. A value of another kind than the wire format's throws
 // com::quorixtech::iot::IotKindError.
-void DecodeRecord(const NvpList& pairs, FrameInfo& out);
-void DecodeRecord(const NvpList& pairs, DeviceInfo& out);
-void DecodeRecord(const NvpList& pairs, Information<ClassificationData>& out);
-void DecodeRecord(const NvpList& pairs, Information<DetectionBoxData>& out);
-void DecodeRecord(const NvpList& pairs, SegmentInfo& out);
+void DecodeRecord(const NvpList &pairs, FrameInfo &out);
+void DecodeRecord(const NvpList &pairs, DeviceInfo &out);
+void DecodeRecord(const NvpList &pairs, Information<ClassificationData> &out);
+void DecodeRecord(const NvpList &pairs, Information<DetectionBoxData> &out);
+void DecodeRecord(const NvpList &pairs, SegmentInfo &out);
 // Single list elements, as they sit inside a "data" entry.
-void DecodeRecord(const NvpList& pairs, ClassificationData& out);
-void DecodeRecord(const NvpList& pairs, DetectionBoxData& out);
-void DecodeRecord(const NvpList& pairs, SegmentationData& out);
+void DecodeRecord(const NvpList &pairs, ClassificationData &out);
+void DecodeRecord(const NvpList &pairs, DetectionBoxData &out);
+void DecodeRecord(const NvpList &pairs, SegmentationData &out);
 
 // For a sequence the caller no longer needs: the frame bytes are moved out of
 // it instead of copied.
-void DecodeRecord(NvpList&& pairs, FrameInfo& out);
+void DecodeRecord(NvpList &&pairs, FrameInfo &out);
 
 } // namespace TOLVIXO

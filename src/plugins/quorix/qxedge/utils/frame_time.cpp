@@ -26,8 +26,8 @@ std::string FrameInfo::GetUTCTime() {
 }
 
 std::int64_t FrameInfo::GetDigitTimeSince1970() {
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        std::chrono::system_clock::now().time_since_epoch());
+    const auto ns =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch());
     return static_cast<std::int64_t>(ns.count() / 1000000);
 }
 

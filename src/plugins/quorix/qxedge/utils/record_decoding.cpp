@@ -5,19 +5,21 @@
 
 namespace TOLVIXO {
 
-void DecodeRecord(const NvpList& pairs, FrameInfo& out) {
-    for (const auto& p : pairs) fields::decodeFrameField(p, out);
+void DecodeRecord(const NvpList &pairs, FrameInfo &out) {
+    for (const auto &p : pairs)
+        fields::decodeFrameField(p, out);
 }
 
-void DecodeRecord(NvpList&& pairs, FrameInfo& out) {
-    for (auto& p : pairs) fields::decodeFrameField(p, out);
+void DecodeRecord(NvpList &&pairs, FrameInfo &out) {
+    for (auto &p : pairs)
+        fields::decodeFrameField(p, out);
 }
 
-void DecodeRecord(const NvpList& pairs, DeviceInfo& out) { fields::decodeDevice(pairs, out); }
+void DecodeRecord(const NvpList &pairs, DeviceInfo &out) { fields::decodeDevice(pairs, out); }
 
-void DecodeRecord(const NvpList& pairs, ClassificationData& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+void DecodeRecord(const NvpList &pairs, ClassificationData &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "index") out.index = p.value().iotv_int32();
         if (n == "output") out.output = p.value().iotv_string();
         if (n == "label") out.label = p.value().iotv_string();
@@ -25,9 +27,9 @@ void DecodeRecord(const NvpList& pairs, ClassificationData& out) {
     }
 }
 
-void DecodeRecord(const NvpList& pairs, DetectionBoxData& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+void DecodeRecord(const NvpList &pairs, DetectionBoxData &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "obj_id") out.obj_id = p.value().iotv_int32();
         if (n == "obj_label") out.obj_label = p.value().iotv_string();
         if (n == "class_id") out.class_id = p.value().iotv_int32();
@@ -41,21 +43,21 @@ void DecodeRecord(const NvpList& pairs, DetectionBoxData& out) {
     }
 }
 
-void DecodeRecord(const NvpList& pairs, SegmentationData& out) { fields::decodeMask(pairs, out); }
+void DecodeRecord(const NvpList &pairs, SegmentationData &out) { fields::decodeMask(pairs, out); }
 
 namespace {
 
 // The header of both result groups plus their element list; a repeated
 // "data" pair replaces the list, as any repeated name keeps the last value.
-template <typename T> void decodeResults(const NvpList& pairs, Information<T>& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+template <typename T> void decodeResults(const NvpList &pairs, Information<T> &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "engine_id") out.engine_id = p.value().iotv_string();
         if (n == "stream_id") out.stream_id = p.value().iotv_string();
         if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
         if (n == "data") {
             std::vector<T> items;
-            fields::decodeList(p, items, [](const NvpList& e, T& item) { DecodeRecord(e, item); });
+            fields::decodeList(p, items, [](const NvpList &e, T &item) { DecodeRecord(e, item); });
             out.data = std::move(items);
         }
     }
@@ -63,20 +65,20 @@ template <typename T> void decodeResults(const NvpList& pairs, Information<T>& o
 
 } // namespace
 
-void DecodeRecord(const NvpList& pairs, Information<ClassificationData>& out) { decodeResults(pairs, out); }
+void DecodeRecord(const NvpList &pairs, Information<ClassificationData> &out) { decodeResults(pairs, out); }
 
-void DecodeRecord(const NvpList& pairs, Information<DetectionBoxData>& out) { decodeResults(pairs, out); }
+void DecodeRecord(const NvpList &pairs, Information<DetectionBoxData> &out) { decodeResults(pairs, out); }
 
-void DecodeRecord(const NvpList& pairs, SegmentInfo& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+void DecodeRecord(const NvpList &pairs, SegmentInfo &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "engine_id") out.engine_id = p.value().iotv_string();
         if (n == "stream_id") out.stream_id = p.value().iotv_string();
         if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
         if (n == "inference_id") out.inference_id = p.value().iotv_uint32();
         if (n == "data") {
             std::vector<SegmentationData> items;
-            fields::decodeList(p, items, [](const NvpList& e, SegmentationData& m) { DecodeRecord(e, m); });
+            fields::decodeList(p, items, [](const NvpList &e, SegmentationData &m) { DecodeRecord(e, m); });
             out.data = std::move(items);
         }
     }

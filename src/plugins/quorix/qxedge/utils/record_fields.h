@@ -16,37 +16,37 @@ using com::quorixtech::iot::IOT_NVP;
 using com::quorixtech::iot::IOT_VALUE;
 using Pairs = std::vector<IOT_NVP>;
 
-inline IOT_NVP str(const char* name, const std::string& v) {
+inline IOT_NVP str(const char *name, const std::string &v) {
     IOT_VALUE x;
     x.iotv_string(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP u32(const char* name, std::uint32_t v) {
+inline IOT_NVP u32(const char *name, std::uint32_t v) {
     IOT_VALUE x;
     x.iotv_uint32(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP i32(const char* name, std::int32_t v) {
+inline IOT_NVP i32(const char *name, std::int32_t v) {
     IOT_VALUE x;
     x.iotv_int32(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP i64(const char* name, std::int64_t v) {
+inline IOT_NVP i64(const char *name, std::int64_t v) {
     IOT_VALUE x;
     x.iotv_int64(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP f32(const char* name, float v) {
+inline IOT_NVP f32(const char *name, float v) {
     IOT_VALUE x;
     x.iotv_float32(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP bytes(const char* name, const std::vector<unsigned char>& v) {
+inline IOT_NVP bytes(const char *name, const std::vector<unsigned char> &v) {
     IOT_VALUE x;
     x.iotv_byte_seq(v);
     return IOT_NVP(name, std::move(x));
 }
-inline IOT_NVP seq(const char* name, Pairs v) {
+inline IOT_NVP seq(const char *name, Pairs v) {
     IOT_VALUE x;
     x.iotv_nvp_seq(std::move(v));
     return IOT_NVP(name, std::move(x));
@@ -62,14 +62,14 @@ inline IOT_NVP entry(Pairs v) {
 
 // Byte payloads: copied out of a sequence the caller keeps, moved out of one
 // it hands over.
-inline void takeBytes(const IOT_NVP& p, std::vector<unsigned char>& out) {
-    const auto& src = p.value().iotv_byte_seq();
+inline void takeBytes(const IOT_NVP &p, std::vector<unsigned char> &out) {
+    const auto &src = p.value().iotv_byte_seq();
     out.assign(src.begin(), src.end());
 }
-inline void takeBytes(IOT_NVP& p, std::vector<unsigned char>& out) { out = std::move(p.value().byteSeqRef()); }
+inline void takeBytes(IOT_NVP &p, std::vector<unsigned char> &out) { out = std::move(p.value().byteSeqRef()); }
 
 // The eleven frame pairs, in wire order.
-template <typename Frame> void encodeFrame(const Frame& f, Pairs& out) {
+template <typename Frame> void encodeFrame(const Frame &f, Pairs &out) {
     out.push_back(str("stream_id", f.stream_id));
     out.push_back(u32("frame_id", f.frame_id));
     out.push_back(i64("timestamp", f.timestamp));
@@ -85,8 +85,8 @@ template <typename Frame> void encodeFrame(const Frame& f, Pairs& out) {
 
 // Each name is tested on its own (no else-chain): a pair matches at most one
 // anyway, and this keeps every decoder of the same shape.
-template <typename Pair, typename Frame> void decodeFrameField(Pair& p, Frame& out) {
-    const std::string& n = p.name();
+template <typename Pair, typename Frame> void decodeFrameField(Pair &p, Frame &out) {
+    const std::string &n = p.name();
     if (n == "stream_id") out.stream_id = p.value().iotv_string();
     if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
     if (n == "timestamp") out.timestamp = p.value().iotv_int64();
@@ -100,7 +100,7 @@ template <typename Pair, typename Frame> void decodeFrameField(Pair& p, Frame& o
     if (n == "framerate") out.framerate = p.value().iotv_float32();
 }
 
-template <typename Device> void encodeDevice(const Device& d, Pairs& out) {
+template <typename Device> void encodeDevice(const Device &d, Pairs &out) {
     out.push_back(str("stream_id", d.stream_id));
     out.push_back(str("mac_address", d.mac_address));
     out.push_back(str("ip_address", d.ip_address));
@@ -116,9 +116,9 @@ template <typename Device> void encodeDevice(const Device& d, Pairs& out) {
     out.push_back(str("protocol", d.protocol));
 }
 
-template <typename Device> void decodeDevice(const Pairs& pairs, Device& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+template <typename Device> void decodeDevice(const Pairs &pairs, Device &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "stream_id") out.stream_id = p.value().iotv_string();
         if (n == "mac_address") out.mac_address = p.value().iotv_string();
         if (n == "ip_address") out.ip_address = p.value().iotv_string();
@@ -135,7 +135,7 @@ template <typename Device> void decodeDevice(const Pairs& pairs, Device& out) {
     }
 }
 
-template <typename Mask> Pairs encodeMask(const Mask& m) {
+template <typename Mask> Pairs encodeMask(const Mask &m) {
     Pairs out;
     out.reserve(10);
     out.push_back(u32("id", m.id));
@@ -151,9 +151,9 @@ template <typename Mask> Pairs encodeMask(const Mask& m) {
     return out;
 }
 
-template <typename Mask> void decodeMask(const Pairs& pairs, Mask& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+template <typename Mask> void decodeMask(const Pairs &pairs, Mask &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "id") out.id = p.value().iotv_uint32();
         if (n == "repeat") out.repeat = p.value().iotv_uint32();
         if (n == "width") out.width = p.value().iotv_uint32();
@@ -170,10 +170,10 @@ template <typename Mask> void decodeMask(const Pairs& pairs, Mask& out) {
 // Decodes every entry of a list pair (whatever the entry's name) into a fresh
 // element and appends it, in sequence order.
 template <typename Element, typename DecodeFn>
-void decodeList(const IOT_NVP& list, std::vector<Element>& out, DecodeFn decode) {
-    const auto& entries = list.value().iotv_nvp_seq();
+void decodeList(const IOT_NVP &list, std::vector<Element> &out, DecodeFn decode) {
+    const auto &entries = list.value().iotv_nvp_seq();
     out.reserve(out.size() + entries.size());
-    for (const auto& e : entries) {
+    for (const auto &e : entries) {
         Element element;
         decode(e.value().iotv_nvp_seq(), element);
         out.push_back(std::move(element));

@@ -41,13 +41,16 @@ UniNvpList IXO_SegmentationData::Encode() const { return fields::encodeMask(*thi
 UniNvpList IXO_VideoFrameData::Encode() const {
     UniNvpList classifications;
     classifications.reserve(classificationResult.size());
-    for (const auto& c : classificationResult) classifications.push_back(fields::entry(c.Encode()));
+    for (const auto &c : classificationResult)
+        classifications.push_back(fields::entry(c.Encode()));
     UniNvpList boxes;
     boxes.reserve(detectionResult.size());
-    for (const auto& b : detectionResult) boxes.push_back(fields::entry(b.Encode()));
+    for (const auto &b : detectionResult)
+        boxes.push_back(fields::entry(b.Encode()));
     UniNvpList masks;
     masks.reserve(segmentationResult.size());
-    for (const auto& m : segmentationResult) masks.push_back(fields::entry(m.Encode()));
+    for (const auto &m : segmentationResult)
+        masks.push_back(fields::entry(m.Encode()));
 
     UniNvpList pairs;
     pairs.reserve(14);
@@ -58,13 +61,13 @@ UniNvpList IXO_VideoFrameData::Encode() const {
     return pairs;
 }
 
-void IXO_VideoFrameData::ToMat(cv::Mat& out) const { frameToMat(data, width, height, size, compression, out); }
+void IXO_VideoFrameData::ToMat(cv::Mat &out) const { frameToMat(data, width, height, size, compression, out); }
 
 namespace {
 
-void decodeClassification(const UniNvpList& pairs, IXO_ClassificationData& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+void decodeClassification(const UniNvpList &pairs, IXO_ClassificationData &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "engine_id") out.engine_id = p.value().iotv_string();
         if (n == "index") out.index = p.value().iotv_uint32();
         if (n == "output") out.output = p.value().iotv_string();
@@ -73,9 +76,9 @@ void decodeClassification(const UniNvpList& pairs, IXO_ClassificationData& out) 
     }
 }
 
-void decodeBox(const UniNvpList& pairs, IXO_DetectionBoxData& out) {
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+void decodeBox(const UniNvpList &pairs, IXO_DetectionBoxData &out) {
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "engine_id") out.engine_id = p.value().iotv_string();
         if (n == "obj_id") out.obj_id = p.value().iotv_uint32();
         if (n == "obj_label") out.obj_label = p.value().iotv_string();
@@ -92,11 +95,11 @@ void decodeBox(const UniNvpList& pairs, IXO_DetectionBoxData& out) {
 
 } // namespace
 
-IXO_VideoFrameData IXO_VideoFrameData::Decode(const UniNvpList& pairs) {
+IXO_VideoFrameData IXO_VideoFrameData::Decode(const UniNvpList &pairs) {
     IXO_VideoFrameData frame;
-    for (const auto& p : pairs) {
+    for (const auto &p : pairs) {
         fields::decodeFrameField(p, frame);
-        const std::string& n = p.name();
+        const std::string &n = p.name();
         if (n == "ClassificationResult") {
             frame.classificationResult.clear();
             fields::decodeList(p, frame.classificationResult, decodeClassification);
@@ -108,7 +111,7 @@ IXO_VideoFrameData IXO_VideoFrameData::Decode(const UniNvpList& pairs) {
         if (n == "SegmentationResult") {
             frame.segmentationResult.clear();
             fields::decodeList(p, frame.segmentationResult,
-                               [](const UniNvpList& e, IXO_SegmentationData& m) { fields::decodeMask(e, m); });
+                               [](const UniNvpList &e, IXO_SegmentationData &m) { fields::decodeMask(e, m); });
         }
     }
     return frame;
@@ -121,7 +124,7 @@ UniNvpList IXO_DeviceInfoData::Encode() const {
     return pairs;
 }
 
-IXO_DeviceInfoData IXO_DeviceInfoData::Decode(const UniNvpList& pairs) {
+IXO_DeviceInfoData IXO_DeviceInfoData::Decode(const UniNvpList &pairs) {
     IXO_DeviceInfoData device;
     fields::decodeDevice(pairs, device);
     return device;
@@ -130,10 +133,12 @@ IXO_DeviceInfoData IXO_DeviceInfoData::Decode(const UniNvpList& pairs) {
 UniNvpList UniInfo::Encode() const {
     UniNvpList frames;
     frames.reserve(videoList.size());
-    for (const auto& f : videoList) frames.push_back(fields::entry(f.Encode()));
+    for (const auto &f : videoList)
+        frames.push_back(fields::entry(f.Encode()));
     UniNvpList devices;
     devices.reserve(deviceList.size());
-    for (const auto& d : deviceList) devices.push_back(fields::entry(d.Encode()));
+    for (const auto &d : deviceList)
+        devices.push_back(fields::entry(d.Encode()));
     UniNvpList pairs;
     pairs.reserve(2);
     pairs.push_back(fields::seq("VideoList", std::move(frames)));
@@ -141,22 +146,22 @@ UniNvpList UniInfo::Encode() const {
     return pairs;
 }
 
-UniInfo UniInfo::Decode(const com::quorixtech::marlet::DataSample<UniNvpList>& sample) {
+UniInfo UniInfo::Decode(const com::quorixtech::marlet::DataSample<UniNvpList> &sample) {
     // Read in place: copying the whole pair tree first would copy every
     // frame's bytes twice.
     return Decode(sample.getData());
 }
 
-UniInfo UniInfo::Decode(const UniNvpList& pairs) {
+UniInfo UniInfo::Decode(const UniNvpList &pairs) {
     UniInfo info;
-    for (const auto& p : pairs) {
-        const std::string& n = p.name();
+    for (const auto &p : pairs) {
+        const std::string &n = p.name();
         if (n == "VideoList") {
-            for (const auto& e : p.value().iotv_nvp_seq())
+            for (const auto &e : p.value().iotv_nvp_seq())
                 info.videoList.push_back(IXO_VideoFrameData::Decode(e.value().iotv_nvp_seq()));
         }
         if (n == "DeviceList") {
-            for (const auto& e : p.value().iotv_nvp_seq())
+            for (const auto &e : p.value().iotv_nvp_seq())
                 info.deviceList.push_back(IXO_DeviceInfoData::Decode(e.value().iotv_nvp_seq()));
         }
     }

@@ -75,16 +75,16 @@ struct IXO_VideoFrameData {
     std::vector<IXO_SegmentationData> segmentationResult;
 
     IXO_VideoFrameData() = default;
-    IXO_VideoFrameData(const IXO_VideoFrameData&) = default;
-    IXO_VideoFrameData(IXO_VideoFrameData&&) noexcept = default;
-    IXO_VideoFrameData& operator=(const IXO_VideoFrameData&) = default;
-    IXO_VideoFrameData& operator=(IXO_VideoFrameData&&) noexcept = default;
+    IXO_VideoFrameData(const IXO_VideoFrameData &) = default;
+    IXO_VideoFrameData(IXO_VideoFrameData &&) noexcept = default;
+    IXO_VideoFrameData &operator=(const IXO_VideoFrameData &) = default;
+    IXO_VideoFrameData &operator=(IXO_VideoFrameData &&) noexcept = default;
 
     UniNvpList Encode() const;
     // Same behaviour as FrameInfo::ToMat.
-    void ToMat(cv::Mat& out) const;
+    void ToMat(cv::Mat &out) const;
     // Builds a new frame from its pairs (the decoding rule of the separate records).
-    static IXO_VideoFrameData Decode(const UniNvpList& pairs);
+    static IXO_VideoFrameData Decode(const UniNvpList &pairs);
 };
 
 struct IXO_DeviceInfoData {
@@ -103,13 +103,13 @@ struct IXO_DeviceInfoData {
     std::string protocol;
 
     IXO_DeviceInfoData() = default;
-    IXO_DeviceInfoData(const IXO_DeviceInfoData&) = default;
-    IXO_DeviceInfoData(IXO_DeviceInfoData&&) noexcept = default;
-    IXO_DeviceInfoData& operator=(const IXO_DeviceInfoData&) = default;
-    IXO_DeviceInfoData& operator=(IXO_DeviceInfoData&&) noexcept = default;
+    IXO_DeviceInfoData(const IXO_DeviceInfoData &) = default;
+    IXO_DeviceInfoData(IXO_DeviceInfoData &&) noexcept = default;
+    IXO_DeviceInfoData &operator=(const IXO_DeviceInfoData &) = default;
+    IXO_DeviceInfoData &operator=(IXO_DeviceInfoData &&) noexcept = default;
 
     UniNvpList Encode() const;
-    static IXO_DeviceInfoData Decode(const UniNvpList& pairs);
+    static IXO_DeviceInfoData Decode(const UniNvpList &pairs);
 };
 
 struct UniInfo {
@@ -117,9 +117,9 @@ struct UniInfo {
     std::vector<IXO_DeviceInfoData> deviceList;
 
     UniNvpList Encode() const;
-    static UniInfo Decode(const com::quorixtech::marlet::DataSample<UniNvpList>& sample);
+    static UniInfo Decode(const com::quorixtech::marlet::DataSample<UniNvpList> &sample);
     // The same from a bare pair sequence.
-    static UniInfo Decode(const UniNvpList& pairs);
+    static UniInfo Decode(const UniNvpList &pairs);
 };
 
 } // namespace TOLVIXO

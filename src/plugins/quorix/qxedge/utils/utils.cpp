@@ -16,11 +16,11 @@ namespace {
 // characters are "file:/" and the slash that path_join puts after it.
 constexpr std::size_t kUriPrefixLength = 7;
 
-std::string pathFromUri(const std::string& uri) {
+std::string pathFromUri(const std::string &uri) {
     return uri.size() > kUriPrefixLength ? uri.substr(kUriPrefixLength) : std::string();
 }
 
-bool readWholeFile(const std::string& path, std::string& text) {
+bool readWholeFile(const std::string &path, std::string &text) {
     std::ifstream in(path, std::ios::in | std::ios::binary);
     if (!in.is_open()) return false;
     text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -29,7 +29,7 @@ bool readWholeFile(const std::string& path, std::string& text) {
 
 // Replaces the text between the double quote found at or after from and the
 // next double quote. Throws std::out_of_range when either quote is missing.
-void replaceQuotedValueAfter(std::string& text, std::size_t from, const std::string& value, const char* what) {
+void replaceQuotedValueAfter(std::string &text, std::size_t from, const std::string &value, const char *what) {
     const std::size_t open = from == std::string::npos ? std::string::npos : text.find('"', from);
     if (open == std::string::npos) throw std::out_of_range(std::string("no quoted value after ") + what);
     const std::size_t close = text.find('"', open + 1);
@@ -39,12 +39,12 @@ void replaceQuotedValueAfter(std::string& text, std::size_t from, const std::str
 
 } // namespace
 
-bool is_file_exist(const std::string& path) {
+bool is_file_exist(const std::string &path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0;
 }
 
-std::string path_join(const std::vector<std::string>& parts) {
+std::string path_join(const std::vector<std::string> &parts) {
     std::string joined;
     for (std::size_t i = 0; i < parts.size(); ++i) {
         if (i > 0) joined += '/';
@@ -53,22 +53,23 @@ std::string path_join(const std::vector<std::string>& parts) {
     return joined;
 }
 
-std::vector<std::string> combine_paths(const std::string& prefix, const std::vector<std::string>& items) {
+std::vector<std::string> combine_paths(const std::string &prefix, const std::vector<std::string> &items) {
     std::vector<std::string> paths;
     paths.reserve(items.size());
-    for (const auto& item : items) paths.push_back(path_join({prefix, item}));
+    for (const auto &item : items)
+        paths.push_back(path_join({prefix, item}));
     return paths;
 }
 
-std::string search_files(const std::vector<std::string>& files) {
+std::string search_files(const std::vector<std::string> &files) {
     std::vector<std::string> roots = {".", "/opt/quorix/ixo", "/src/common/data_model", "./common/data_model"};
     // Last on purpose: an explicit root only helps when none of the usual
     // places holds a complete configuration.
-    if (const char* extra = std::getenv("IXO_ROOT")) roots.emplace_back(extra);
+    if (const char *extra = std::getenv("IXO_ROOT")) roots.emplace_back(extra);
 
-    for (const auto& root : roots) {
+    for (const auto &root : roots) {
         bool complete = true;
-        for (const auto& file : files) {
+        for (const auto &file : files) {
             if (!is_file_exist(path_join({root, file}))) {
                 complete = false;
                 break;
@@ -88,7 +89,8 @@ std::string generateUUID() {
             .count();
     std::srand(static_cast<unsigned>((ns % 1000000000LL) / 1000000LL));
     unsigned r[8];
-    for (unsigned& value : r) value = static_cast<unsigned>(std::rand());
+    for (unsigned &value : r)
+        value = static_cast<unsigned>(std::rand());
 
     char id[100];
     // 16383 rather than 16384: ids already issued were made this way.
@@ -97,7 +99,7 @@ std::string generateUUID() {
     return id;
 }
 
-std::string autoGenerateTingID(const std::string& uri, bool /*flag*/) {
+std::string autoGenerateTingID(const std::string &uri, bool /*flag*/) {
     const std::string path = pathFromUri(uri);
     std::string text;
     if (!readWholeFile(path, text)) {
@@ -110,8 +112,7 @@ std::string autoGenerateTingID(const std::string& uri, bool /*flag*/) {
     return text;
 }
 
-std::string replace_thing_property_context_id(const std::string& source, const std::string& contextId,
-                                              bool fromFile) {
+std::string replace_thing_property_context_id(const std::string &source, const std::string &contextId, bool fromFile) {
     std::string text;
     if (fromFile) {
         // An unreadable file gives an empty text; loading it then fails as a

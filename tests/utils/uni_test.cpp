@@ -1,0 +1,213 @@
+// The combined pipe record: wire layout, round trips and its deliberate
+// engine-id mismatch for boxes.
+
+#include <gtest/gtest.h>
+
+#include "records_test_helpers.h"
+#include "uni_information.h"
+
+using namespace rectest;
+using namespace TOLVIXO;
+
+namespace {
+
+constexpr auto S = IotKind::iotv_string;
+constexpr auto U32 = IotKind::iotv_uint32;
+constexpr auto I32 = IotKind::iotv_int32;
+constexpr auto I64 = IotKind::iotv_int64;
+constexpr auto F32 = IotKind::iotv_float32;
+constexpr auto BYTES = IotKind::iotv_byte_seq;
+constexpr auto SEQ = IotKind::iotv_nvp_seq;
+
+const std::vector<WireField> kUniWire = {{"VideoList", SEQ}, {"DeviceList", SEQ}};
+const std::vector<WireField> kUniFrameWire = {{"stream_id", S},
+                                              {"frame_id", U32},
+                                              {"timestamp", I64},
+                                              {"data", BYTES},
+                                              {"width", U32},
+                                              {"height", U32},
+                                              {"channels", U32},
+                                              {"size", U32},
+                                              {"format", S},
+                                              {"compression", S},
+                                              {"framerate", F32},
+                                              {"ClassificationResult", SEQ},
+                                              {"DetectionResult", SEQ},
+                                              {"SegmentationResult", SEQ}};
+const std::vector<WireField> kUniClassWire = {
+    {"engine_id", S}, {"index", U32}, {"output", S}, {"label", S}, {"probability", F32}};
+const std::vector<WireField> kUniBoxWire = {
+    {"engin_id", S}, {"obj_id", U32}, {"obj_label", S}, {"class_id", U32},    {"class_label", S}, {"x1", F32},
+    {"y1", F32},     {"x2", F32},     {"y2", F32},      {"probability", F32}, {"meta", S}};
+const std::vector<WireField> kUniMaskWire = {{"id", U32},          {"repeat", U32},   {"width", U32}, {"height", U32},
+                                             {"size", U32},        {"channels", U32}, {"color", U32}, {"label", S},
+                                             {"probability", F32}, {"data", BYTES}};
+const std::vector<WireField> kUniDeviceWire = {{"stream_id", S},  {"mac_address", S},  {"ip_address", S}, {"port", I32},
+                                               {"uri", S},        {"manufacturer", S}, {"model", S},      {"serial", S},
+                                               {"fw_version", S}, {"dev_id", S},       {"status", S},     {"kind", S},
+                                               {"protocol", S}};
+
+IXO_VideoFrameData sampleFrame(std::uint32_t id) {
+    IXO_VideoFrameData f;
+    f.stream_id = "cam";
+    f.frame_id = id;
+    f.timestamp = 20240102030405006LL;
+    f.data = {1, 2, 3, 4, 5, 6};
+    f.width = 2;
+    f.height = 1;
+    f.channels = 3;
+    f.size = 6;
+    f.format = "com.vision.models.PIXEL_FORMAT_BGR8";
+    f.compression = "com.vision.models.COMPRESSION_KIND_NONE";
+    f.framerate = 25.0f;
+    f.classificationResult.push_back({"eng-c", 4294967295u, "out", "car", 0.5f});
+    f.detectionResult.push_back({"eng-d", 1, 2, "person", "human", 1.0f, 2.0f, 3.0f, 4.0f, 0.9f, "m1"});
+    f.detectionResult.push_back({"eng-d", 3, 4, "dog", "animal", 5.0f, 6.0f, 7.0f, 8.0f, 0.1f, "m2"});
+    IXO_SegmentationData m;
+    m.id = 7;
+    m.repeat = 1;
+    m.width = 10;
+    m.height = 10;
+    m.size = 2;
+    m.channels = 1;
+    m.color = 255;
+    m.label = "road";
+    m.probability = 0.25f;
+    m.data = {9, 9};
+    f.segmentationResult.push_back(m);
+    return f;
+}
+
+IXO_DeviceInfoData sampleDevice() {
+    IXO_DeviceInfoData d;
+    d.stream_id = "cam";
+    d.mac_address = "aa";
+    d.ip_address = "127.0.0.3";
+    d.port = 8554;
+    d.uri = "rtsp://127.0.0.3/";
+    d.manufacturer = "Quorix";
+    d.model = "m";
+    d.serial = "s";
+    d.fw_version = "f";
+    d.dev_id = "d";
+    d.status = "on";
+    d.kind = "cam";
+    d.protocol = "rtsp";
+    return d;
+}
+
+UniInfo sampleUni() {
+    UniInfo u;
+    u.videoList.push_back(sampleFrame(1));
+    u.videoList.push_back(sampleFrame(2));
+    u.deviceList.push_back(sampleDevice());
+    return u;
+}
+
+// A sample as the reader thread gets it from the bus.
+com::quorixtech::marlet::DataSample<Pairs> asSample(Pairs pairs) {
+    return com::quorixtech::marlet::DataSample<Pairs>(std::move(pairs), "thing", "flow", "IXOPipe", 1, 0);
+}
+
+} // namespace
+
+TEST(RecordsUniWire, EncoderWritesTheAgreedLayout) {
+    const auto pairs = sampleUni().Encode();
+    expectWire(pairs, kUniWire, "UniInfo");
+    expectListOf(pairs[0], 2, kUniFrameWire, "VideoList");
+    expectListOf(pairs[1], 1, kUniDeviceWire, "DeviceList");
+
+    const auto frame = pairs[0].value().iotv_nvp_seq()[0].value().iotv_nvp_seq();
+    expectListOf(frame[11], 1, kUniClassWire, "ClassificationResult");
+    expectListOf(frame[12], 2, kUniBoxWire, "DetectionResult");
+    expectListOf(frame[13], 1, kUniMaskWire, "SegmentationResult");
+    EXPECT_EQ(pairNamed(frame[12].value().iotv_nvp_seq()[0].value().iotv_nvp_seq(), "engin_id").value().iotv_string(),
+              "eng-d");
+}
+
+TEST(RecordsUniRoundTrip, EverythingButTheBoxEngineIdSurvives) {
+    const UniInfo back = UniInfo::Decode(asSample(sampleUni().Encode()));
+    ASSERT_EQ(back.videoList.size(), 2u);
+    ASSERT_EQ(back.deviceList.size(), 1u);
+    EXPECT_EQ(back.videoList[1].frame_id, 2u);
+
+    // Boxes come back without their engine id (written as "engin_id", read
+    // as "engine_id"); with it cleared on the original, both encode the same.
+    UniInfo expected = sampleUni();
+    for (auto &f : expected.videoList)
+        for (auto &b : f.detectionResult)
+            b.engine_id.clear();
+    EXPECT_EQ(back.Encode(), expected.Encode());
+
+    const auto &boxes = back.videoList[0].detectionResult;
+    ASSERT_EQ(boxes.size(), 2u);
+    EXPECT_EQ(boxes[0].engine_id, "");
+    EXPECT_EQ(boxes[0].obj_label, "person");
+    EXPECT_EQ(boxes[1].meta, "m2");
+    EXPECT_EQ(back.videoList[0].classificationResult[0].index, 4294967295u);
+    EXPECT_EQ(back.videoList[0].classificationResult[0].engine_id, "eng-c");
+    EXPECT_EQ(back.deviceList[0].port, 8554);
+}
+
+TEST(RecordsUniDecode, BoxFromAPeerThatWritesEngineIdKeepsIt) {
+    const Pairs box = {pairStr("engine_id", "peer-engine"), pairU32("obj_id", 3), pairF32("x2", 1.5f)};
+    const Pairs frame = {pairU32("frame_id", 5), pairSeq("DetectionResult", {pairSeq("", box)})};
+    const UniInfo u = UniInfo::Decode(asSample({pairSeq("VideoList", {pairSeq("", frame)})}));
+    ASSERT_EQ(u.videoList.size(), 1u);
+    ASSERT_EQ(u.videoList[0].detectionResult.size(), 1u);
+    EXPECT_EQ(u.videoList[0].detectionResult[0].engine_id, "peer-engine");
+    EXPECT_EQ(u.videoList[0].detectionResult[0].obj_id, 3u);
+    EXPECT_EQ(u.videoList[0].detectionResult[0].x2, 1.5f);
+}
+
+TEST(RecordsUniDecode, ListShapes) {
+    struct Case {
+        const char *what;
+        Pairs pairs;
+        std::size_t frames;
+        std::size_t devices;
+    };
+    UniInfo oneFrame;
+    oneFrame.videoList.push_back(sampleFrame(9));
+    const std::vector<Case> cases = {
+        {"one frame, no device", oneFrame.Encode(), 1, 0},
+        {"empty record", UniInfo().Encode(), 0, 0},
+        {"neither list name", {pairStr("videolist", "x"), pairU32("Devices", 1)}, 0, 0},
+        {"devices only", {pairSeq("DeviceList", {pairSeq("", sampleDevice().Encode()), pairSeq("", {})})}, 0, 2},
+    };
+    for (const auto &c : cases) {
+        const UniInfo u = UniInfo::Decode(asSample(c.pairs));
+        EXPECT_EQ(u.videoList.size(), c.frames) << c.what;
+        EXPECT_EQ(u.deviceList.size(), c.devices) << c.what;
+    }
+    EXPECT_TRUE(oneFrame.Encode()[1].value().iotv_nvp_seq().empty());
+}
+
+TEST(RecordsUniDecode, WrongKindsThrow) {
+    using com::quorixtech::iot::IotKindError;
+    const std::vector<std::pair<const char *, Pairs>> cases = {
+        {"VideoList as string", {pairStr("VideoList", "x")}},
+        {"frame entry as bytes", {pairSeq("VideoList", {pairBytes("", {1})})}},
+        {"classification index as int32",
+         {pairSeq("VideoList",
+                  {pairSeq("", {pairSeq("ClassificationResult", {pairSeq("", {pairI32("index", 1)})})})})}},
+        {"box obj_id as int32",
+         {pairSeq("VideoList", {pairSeq("", {pairSeq("DetectionResult", {pairSeq("", {pairI32("obj_id", 1)})})})})}},
+        {"device port as uint32", {pairSeq("DeviceList", {pairSeq("", {pairU32("port", 1)})})}},
+    };
+    for (const auto &c : cases)
+        EXPECT_THROW(UniInfo::Decode(asSample(c.second)), IotKindError) << c.first;
+}
+
+TEST(RecordsUniCopy, FramesCopyDeeplyAndMoveWithoutLoss) {
+    IXO_VideoFrameData original = sampleFrame(3);
+    IXO_VideoFrameData copy = original;
+    copy.data[0] = 99;
+    copy.detectionResult[0].meta = "changed";
+    EXPECT_EQ(original.data[0], 1);
+    EXPECT_EQ(original.detectionResult[0].meta, "m1");
+
+    const auto before = original.Encode();
+    IXO_VideoFrameData moved = std::move(original);
+    EXPECT_EQ(moved.Encode(), before);
+}
