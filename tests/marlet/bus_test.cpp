@@ -293,6 +293,60 @@ TEST_F(BusTest, HandlesShareOneParticipantAndCloseTwiceIsHarmless) {
     EXPECT_NO_THROW(makeThing(bus_, "VideoFrameThingOut", "again", "default").write("VideoFrameData", frame(1, 1)));
 }
 
+// The subscriber's shape: one reader thread per tag group, copies of the
+// selector handed to the threads, while another thread writes on other things
+// of the same participant.
+TEST_F(BusTest, ReaderThreadsAndAWriterThreadShareOneParticipant) {
+    const std::vector<std::pair<std::string, std::string>> groups = {{"Classification", "ClassificationData"},
+                                                                     {"DetectionBox", "DetectionBoxData"}};
+    constexpr std::uint32_t kFrames = 200;
+    std::vector<Thing> outs, ins;
+    std::vector<Thing::Selector> selectors;
+    for (const auto &[stem, group] : groups) {
+        outs.push_back(makeThing(bus_, stem + "ThingOut", stem + "-out", "default"));
+        ins.push_back(makeThing(bus_, stem + "ThingIn", stem + "-in", "default"));
+        selectors.push_back(ins.back().select(group));
+        selectors.back().batch(4);
+        selectors.back().read<Pairs>(0);
+    }
+    // Discovery first, so that the counted frames all have a reader to go to.
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+        writeUntil(outs[g], groups[g].second, selectors[g], frame(0, 4), [](const Sample &) { return true; });
+        drain(selectors[g], 100);
+    }
+
+    std::atomic<bool> writing{true};
+    std::vector<std::vector<std::uint32_t>> received(groups.size());
+    std::vector<std::thread> readers;
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+        readers.emplace_back([&, g, selector = selectors[g]]() mutable {
+            for (int idle = 0; idle < 10 && received[g].size() < kFrames;) {
+                auto got = selector.read<Pairs>(500);
+                if (got.empty() && !writing) ++idle;
+                for (const auto &s : got)
+                    received[g].push_back(frameIdOf(s));
+            }
+        });
+    }
+    std::thread writer([&] {
+        for (std::uint32_t id = 1; id <= kFrames; ++id) {
+            for (std::size_t g = 0; g < groups.size(); ++g)
+                outs[g].write(groups[g].second, frame(id, 64));
+        }
+        writing = false;
+    });
+    writer.join();
+    for (auto &t : readers)
+        t.join();
+
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+        SCOPED_TRACE(groups[g].second);
+        ASSERT_EQ(received[g].size(), kFrames);
+        for (std::uint32_t i = 0; i < kFrames; ++i)
+            EXPECT_EQ(received[g][i], i + 1);
+    }
+}
+
 TEST(BusConfig, UnusableConfigurationsRaiseConfigErrorNamingTheFile) {
     qxtest::ConfigRoot root;
     root.writeFile("config/BadId.xml", R"(<CycloneDDS><Domain Id="seven"></Domain></CycloneDDS>)");
