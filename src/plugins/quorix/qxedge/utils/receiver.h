@@ -26,7 +26,7 @@ extern std::mutex m;
 // One frame with whatever results were found for it. A member without a partner
 // keeps its default (empty) value.
 class SynchronizedData {
-public:
+  public:
     TOLVIXO::FrameInfo frameInfo;
     TOLVIXO::DeviceInfo deviceInfo;
     TOLVIXO::Information<TOLVIXO::ClassificationData> classification;
@@ -37,7 +37,7 @@ public:
 // The queues of one synchroniser; the front of each vector is the oldest entry.
 // Every access goes through m.
 class poolingData {
-public:
+  public:
     std::vector<TOLVIXO::FrameInfo> frameInfoVec;
     std::vector<TOLVIXO::DeviceInfo> deviceInfoVec;
     std::vector<TOLVIXO::Information<TOLVIXO::ClassificationData>> classificationVec;
@@ -58,13 +58,13 @@ struct SyncCursor {
 };
 
 class Synchronizer {
-public:
+  public:
     poolingData syncPool;
 
     Synchronizer();
     ~Synchronizer();
-    Synchronizer(const Synchronizer&) = delete;
-    Synchronizer& operator=(const Synchronizer&) = delete;
+    Synchronizer(const Synchronizer &) = delete;
+    Synchronizer &operator=(const Synchronizer &) = delete;
 
     // Sets the running flag and starts one more worker running sync_work().
     void Start();
@@ -74,19 +74,19 @@ public:
     bool GetWorkerMessageFlag() const;
 
     // Each appends a copy at the back of its queue under m. Input queues are unbounded.
-    void pushFrameInfo(const TOLVIXO::FrameInfo& frameInfo);
-    void pushDeviceInfo(const TOLVIXO::DeviceInfo& deviceInfo);
-    void pushClassification(const TOLVIXO::Information<TOLVIXO::ClassificationData>& classification);
-    void pushDetectionBox(const TOLVIXO::Information<TOLVIXO::DetectionBoxData>& detectionBox);
-    void pushSegmentInfo(const TOLVIXO::SegmentInfo& segmentInfo);
+    void pushFrameInfo(const TOLVIXO::FrameInfo &frameInfo);
+    void pushDeviceInfo(const TOLVIXO::DeviceInfo &deviceInfo);
+    void pushClassification(const TOLVIXO::Information<TOLVIXO::ClassificationData> &classification);
+    void pushDetectionBox(const TOLVIXO::Information<TOLVIXO::DetectionBoxData> &detectionBox);
+    void pushSegmentInfo(const TOLVIXO::SegmentInfo &segmentInfo);
 
     // The worker loop: one pass under m, then 10 ms without it, until stopped.
     void sync_work();
 
     // One pass of the worker over the queued frames. Caller holds m.
-    void syncPass(SyncCursor& cursor);
+    void syncPass(SyncCursor &cursor);
 
-private:
+  private:
     // Flags the worker reads outside m. Shared with every worker so that a worker
     // still sleeping when this object is destroyed finds out without touching it.
     struct WorkerControl {
@@ -101,7 +101,7 @@ private:
 };
 
 class ReceiveImage {
-public:
+  public:
     cv::Mat image;
     int width = 0;
     int height = 0;
@@ -111,15 +111,15 @@ public:
 
     // Decodes the frame into image (RGB order) and queues the record as received.
     // Frames without bytes or without a size are ignored.
-    void callback(const TOLVIXO::FrameInfo& frameInfo);
-    void callback(const TOLVIXO::DeviceInfo& deviceInfo);
-    void callback(const TOLVIXO::Information<TOLVIXO::ClassificationData>& classification);
-    void callback(const TOLVIXO::Information<TOLVIXO::DetectionBoxData>& detectionBox);
-    void callback(const TOLVIXO::SegmentInfo& segmentInfo);
+    void callback(const TOLVIXO::FrameInfo &frameInfo);
+    void callback(const TOLVIXO::DeviceInfo &deviceInfo);
+    void callback(const TOLVIXO::Information<TOLVIXO::ClassificationData> &classification);
+    void callback(const TOLVIXO::Information<TOLVIXO::DetectionBoxData> &detectionBox);
+    void callback(const TOLVIXO::SegmentInfo &segmentInfo);
     // Combined record: the first one stops the worker for good; each record with a
     // usable first frame becomes one entry of synchronizedVec directly.
-    void callback(const TOLVIXO::UniInfo& uniInfo);
+    void callback(const TOLVIXO::UniInfo &uniInfo);
 
     // Splits a combined record into one entry, taken from its first frame and first device.
-    static SynchronizedData parser(const TOLVIXO::UniInfo& uniInfo);
+    static SynchronizedData parser(const TOLVIXO::UniInfo &uniInfo);
 };

@@ -1,0 +1,335 @@
+// ReceiveImage: what the reader threads hand over, and the combined record.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "receiver_test_support.h"
+
+namespace {
+
+using namespace receivertest;
+
+struct FrameCase {
+    const char *name;
+    TOLVIXO::FrameInfo frame;
+    bool queued;
+    int width;
+    int height;
+    cv::Vec3b firstPixel; // of the receiver's picture
+};
+
+TOLVIXO::FrameInfo withoutBytes() {
+    auto f = makeFrame(1);
+    f.data.clear();
+    return f;
+}
+
+TOLVIXO::FrameInfo withSize(std::uint32_t width, std::uint32_t height) {
+    auto f = makeFrame(1);
+    f.width = width;
+    f.height = height;
+    return f;
+}
+
+// A JPEG of 8x4 whose record claims 2x2: the picture's own size wins.
+TOLVIXO::FrameInfo jpegFrame() {
+    cv::Mat picture(4, 8, CV_8UC3, cv::Scalar(0, 0, 255)); // pure red in B,G,R
+    std::vector<unsigned char> bytes;
+    cv::imencode(".jpg", picture, bytes);
+    auto f = makeFrame(1);
+    f.data = bytes;
+    f.size = static_cast<std::uint32_t>(bytes.size());
+    f.compression = "com.vision.models.COMPRESSION_KIND_JPG";
+    return f;
+}
+
+TEST(ReceiveImageFrame, DecodesPictureAndQueuesRecordAsReceived) {
+    const FrameCase cases[] = {
+        {"no bytes", withoutBytes(), false, 0, 0, {}},
+        {"zero width", withSize(0, 2), false, 0, 0, {}},
+        {"zero height", withSize(2, 0), false, 0, 0, {}},
+        // Bytes 1,2,3 are B,G,R: the picture holds them as R,G,B.
+        {"bgr turned to rgb", makeFrame(1, 2, 1), true, 2, 1, {3, 2, 1}},
+        {"rgb kept", makeFrame(1, 2, 1, "com.vision.models.PIXEL_FORMAT_RGB8"), true, 2, 1, {1, 2, 3}},
+        {"jpeg size from the picture", jpegFrame(), true, 8, 4, {255, 0, 0}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ReceiveImage receiver;
+        receiver.callback(c.frame);
+        std::lock_guard<std::mutex> lock(m);
+        const auto &queue = receiver.synchronizer.syncPool.frameInfoVec;
+        ASSERT_EQ(queue.size(), c.queued ? 1u : 0u);
+        EXPECT_EQ(receiver.width, c.width);
+        EXPECT_EQ(receiver.height, c.height);
+        if (!c.queued) {
+            EXPECT_TRUE(receiver.image.empty());
+            continue;
+        }
+        EXPECT_EQ(queue.front().data, c.frame.data); // the record, not the converted picture
+        EXPECT_EQ(queue.front().format, c.frame.format);
+        ASSERT_EQ(receiver.image.type(), CV_8UC3);
+        const cv::Vec3b pixel = receiver.image.at<cv::Vec3b>(0, 0);
+        for (int ch = 0; ch < 3; ++ch)
+            EXPECT_NEAR(pixel[ch], c.firstPixel[ch], 3) << "channel " << ch;
+    }
+}
+
+TEST(ReceiveImageFrame, ShortPayloadLosesOnlyThatFrame) {
+    ReceiveImage receiver;
+    receiver.callback(makeFrame(1, 2, 1));
+    auto broken = makeFrame(2, 4, 4);
+    broken.data.resize(10);
+    EXPECT_THROW(receiver.callback(broken), std::out_of_range);
+    std::lock_guard<std::mutex> lock(m);
+    EXPECT_EQ(receiver.synchronizer.syncPool.frameInfoVec.size(), 1u);
+    EXPECT_EQ(receiver.width, 2);
+    EXPECT_EQ(receiver.height, 1);
+    EXPECT_EQ(receiver.image.cols, 2);
+}
+
+TEST(ReceiveImageResults, EachKindGoesToItsQueue) {
+    ReceiveImage receiver;
+    receiver.callback(makeDevice("cam"));
+    receiver.callback(makeClassification(4));
+    receiver.callback(makeDetection(5));
+    receiver.callback(makeDetection(6));
+    receiver.callback(makeSegment(7));
+    std::lock_guard<std::mutex> lock(m);
+    const poolingData &pool = receiver.synchronizer.syncPool;
+    ASSERT_EQ(pool.deviceInfoVec.size(), 1u);
+    EXPECT_EQ(pool.deviceInfoVec[0].dev_id, "cam");
+    ASSERT_EQ(pool.classificationVec.size(), 1u);
+    EXPECT_EQ(pool.classificationVec[0].frame_id, 4u);
+    ASSERT_EQ(pool.detectionBoxVec.size(), 2u);
+    EXPECT_EQ(pool.detectionBoxVec[0].frame_id, 5u);
+    EXPECT_EQ(pool.detectionBoxVec[1].frame_id, 6u);
+    ASSERT_EQ(pool.segmentInfoVec.size(), 1u);
+    EXPECT_EQ(pool.segmentInfoVec[0].frame_id, 7u);
+    EXPECT_TRUE(pool.frameInfoVec.empty());
+}
+
+TOLVIXO::IXO_VideoFrameData uniFrame(std::uint32_t frameId) {
+    const TOLVIXO::FrameInfo f = makeFrame(frameId, 2, 1);
+    TOLVIXO::IXO_VideoFrameData v;
+    v.stream_id = "uni-stream";
+    v.frame_id = frameId;
+    v.timestamp = 20240102030405006;
+    v.data = f.data;
+    v.width = f.width;
+    v.height = f.height;
+    v.channels = 3;
+    v.size = f.size;
+    v.format = f.format;
+    v.compression = f.compression;
+    v.framerate = 25.0f;
+    return v;
+}
+
+TEST(ReceiveImageParser, CopiesFirstFrameAndFirstDeviceFieldByField) {
+    TOLVIXO::UniInfo uni;
+    uni.videoList.push_back(uniFrame(42));
+    uni.videoList.push_back(uniFrame(43));
+    auto &v = uni.videoList[0];
+    v.classificationResult.push_back({"engine-a", 4294967295u, "out-a", "cat", 0.75f});
+    v.classificationResult.push_back({"engine-b", 3, "out-b", "dog", 0.25f});
+    TOLVIXO::IXO_DetectionBoxData box;
+    box.engine_id = "det";
+    box.obj_id = 11;
+    box.class_id = 4000000000u;
+    box.obj_label = "obj";
+    box.class_label = "person";
+    box.x1 = 1.5f;
+    box.y1 = 2.5f;
+    box.x2 = 3.5f;
+    box.y2 = 4.5f;
+    box.probability = 0.9f;
+    box.meta = "extra";
+    v.detectionResult = {box, box};
+    v.detectionResult[1].obj_id = 12;
+    TOLVIXO::IXO_SegmentationData seg;
+    seg = {7, 2, 16, 8, 128, 1, 0xff00ff, "road", 0.6f, {9, 8, 7}};
+    v.segmentationResult = {seg};
+    TOLVIXO::IXO_DeviceInfoData dev;
+    dev = {"s", "mac", "ip", 554, "rtsp://127.0.0.1/x", "maker", "model", "serial", "fw", "dev-1", "on", "cam", "rtsp"};
+    uni.deviceList = {dev, TOLVIXO::IXO_DeviceInfoData{}};
+
+    const SynchronizedData e = ReceiveImage::parser(uni);
+
+    const TOLVIXO::FrameInfo &f = e.frameInfo;
+    EXPECT_EQ(f.stream_id, "uni-stream");
+    EXPECT_EQ(f.frame_id, 42u);
+    EXPECT_EQ(f.timestamp, 20240102030405006);
+    EXPECT_EQ(f.data, v.data);
+    EXPECT_EQ(f.width, 2u);
+    EXPECT_EQ(f.height, 1u);
+    EXPECT_EQ(f.channels, 3u);
+    EXPECT_EQ(f.size, 6u);
+    EXPECT_EQ(f.format, v.format);
+    EXPECT_EQ(f.compression, v.compression);
+    EXPECT_EQ(f.framerate, 25.0f);
+
+    EXPECT_EQ(e.classification.frame_id, 42u);
+    EXPECT_EQ(e.classification.engine_id, "engine-a");
+    EXPECT_EQ(e.classification.stream_id, "uni-stream");
+    ASSERT_EQ(e.classification.data.size(), 2u);
+    EXPECT_EQ(e.classification.data[0].index, -1);
+    EXPECT_EQ(e.classification.data[0].output, "out-a");
+    EXPECT_EQ(e.classification.data[0].label, "cat");
+    EXPECT_EQ(e.classification.data[0].probability, 0.75f);
+    EXPECT_EQ(e.classification.data[1].index, 3);
+    EXPECT_EQ(e.classification.data[1].label, "dog");
+
+    ASSERT_EQ(e.detectionBox.data.size(), 2u);
+    const TOLVIXO::DetectionBoxData &d = e.detectionBox.data[0];
+    EXPECT_EQ(d.obj_id, 11);
+    EXPECT_EQ(d.class_id, static_cast<std::int32_t>(4000000000u));
+    EXPECT_EQ(d.obj_label, "obj");
+    EXPECT_EQ(d.class_label, "person");
+    EXPECT_EQ(d.x1, 1.5f);
+    EXPECT_EQ(d.y1, 2.5f);
+    EXPECT_EQ(d.x2, 3.5f);
+    EXPECT_EQ(d.y2, 4.5f);
+    EXPECT_EQ(d.probability, 0.9f);
+    EXPECT_EQ(d.meta, "extra");
+    EXPECT_EQ(e.detectionBox.data[1].obj_id, 12);
+
+    ASSERT_EQ(e.segmentInfo.data.size(), 1u);
+    const TOLVIXO::SegmentationData &s = e.segmentInfo.data[0];
+    EXPECT_EQ(s.id, 7u);
+    EXPECT_EQ(s.repeat, 2u);
+    EXPECT_EQ(s.width, 16u);
+    EXPECT_EQ(s.height, 8u);
+    EXPECT_EQ(s.size, 128u);
+    EXPECT_EQ(s.channels, 1u);
+    EXPECT_EQ(s.color, 0xff00ffu);
+    EXPECT_EQ(s.label, "road");
+    EXPECT_EQ(s.probability, 0.6f);
+    EXPECT_EQ(s.data, (std::vector<unsigned char>{9, 8, 7}));
+
+    const TOLVIXO::DeviceInfo &dv = e.deviceInfo;
+    EXPECT_EQ(dv.stream_id, "s");
+    EXPECT_EQ(dv.mac_address, "mac");
+    EXPECT_EQ(dv.ip_address, "ip");
+    EXPECT_EQ(dv.port, 554);
+    EXPECT_EQ(dv.uri, "rtsp://127.0.0.1/x");
+    EXPECT_EQ(dv.manufacturer, "maker");
+    EXPECT_EQ(dv.model, "model");
+    EXPECT_EQ(dv.serial, "serial");
+    EXPECT_EQ(dv.fw_version, "fw");
+    EXPECT_EQ(dv.dev_id, "dev-1");
+    EXPECT_EQ(dv.status, "on");
+    EXPECT_EQ(dv.kind, "cam");
+    EXPECT_EQ(dv.protocol, "rtsp");
+}
+
+TEST(ReceiveImageParser, SparseRecords) {
+    const SynchronizedData empty = ReceiveImage::parser(TOLVIXO::UniInfo{});
+    EXPECT_EQ(empty.frameInfo.frame_id, 0u);
+    EXPECT_TRUE(empty.frameInfo.data.empty());
+    EXPECT_EQ(empty.classification.frame_id, 0u);
+
+    // No class results: the id still names the frame, the header strings stay empty.
+    TOLVIXO::UniInfo bare;
+    bare.videoList.push_back(uniFrame(5));
+    const SynchronizedData e = ReceiveImage::parser(bare);
+    EXPECT_EQ(e.classification.frame_id, 5u);
+    EXPECT_EQ(e.classification.engine_id, "");
+    EXPECT_EQ(e.classification.stream_id, "");
+    EXPECT_TRUE(e.classification.data.empty());
+    EXPECT_TRUE(e.detectionBox.data.empty());
+    EXPECT_TRUE(e.segmentInfo.data.empty());
+    EXPECT_EQ(e.deviceInfo.dev_id, "");
+}
+
+struct UniCase {
+    const char *name;
+    TOLVIXO::UniInfo record;
+    std::size_t entries;
+    int width;
+};
+
+TOLVIXO::UniInfo uniWith(std::vector<TOLVIXO::IXO_VideoFrameData> frames) {
+    TOLVIXO::UniInfo u;
+    u.videoList = std::move(frames);
+    return u;
+}
+
+TOLVIXO::IXO_VideoFrameData uniFrameWithoutBytes() {
+    auto v = uniFrame(1);
+    v.data.clear();
+    return v;
+}
+
+TEST(ReceiveImageCombined, UsableFirstFrameBecomesOneEntry) {
+    const UniCase cases[] = {
+        {"no frame", uniWith({}), 0, 0},
+        {"first frame without bytes", uniWith({uniFrameWithoutBytes(), uniFrame(2)}), 0, 0},
+        {"usable frame", uniWith({uniFrame(3)}), 1, 2},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ReceiveImage receiver;
+        receiver.callback(c.record);
+        EXPECT_TRUE(receiver.uniMode); // any combined record switches the mode
+        std::lock_guard<std::mutex> lock(m);
+        EXPECT_EQ(receiver.synchronizer.syncPool.synchronizedVec.size(), c.entries);
+        EXPECT_EQ(receiver.width, c.width);
+        if (c.entries == 1) {
+            EXPECT_EQ(receiver.synchronizer.syncPool.synchronizedVec[0].frameInfo.frame_id, 3u);
+            EXPECT_EQ(receiver.image.at<cv::Vec3b>(0, 0), cv::Vec3b(3, 2, 1)); // B,G,R bytes in R,G,B order
+        }
+    }
+}
+
+TEST(ReceiveImageCombined, KeepsTenBeforeAppendAndReportsDrops) {
+    for (bool flag : {false, true}) {
+        SCOPED_TRACE(flag ? "flag on" : "flag off");
+        ReceiveImage receiver;
+        receiver.synchronizer.SetWorkerMessageFlag(flag);
+        {
+            std::lock_guard<std::mutex> lock(m);
+            for (std::uint32_t id = 100; id < 112; ++id) {
+                SynchronizedData entry;
+                entry.frameInfo.frame_id = id;
+                receiver.synchronizer.syncPool.synchronizedVec.push_back(entry);
+            }
+        }
+        testing::internal::CaptureStdout();
+        receiver.callback(uniWith({uniFrame(7)}));
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(out, flag ? "[Drop Data] Dropped 2 synchronizedData in ReceiveImage::callback(const UniInfo "
+                              "&uniInfo).\n"
+                            : "");
+        std::lock_guard<std::mutex> lock(m);
+        const auto &out_queue = receiver.synchronizer.syncPool.synchronizedVec;
+        ASSERT_EQ(out_queue.size(), 11u);
+        EXPECT_EQ(out_queue.front().frameInfo.frame_id, 102u);
+        EXPECT_EQ(out_queue.back().frameInfo.frame_id, 7u);
+    }
+}
+
+TEST(ReceiveImageCombined, FirstRecordStopsTheWorker) {
+    ReceiveImage receiver;
+    MessageCapture capture;
+    receiver.synchronizer.Start();
+    receiver.callback(uniWith({uniFrame(1)}));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!capture.contains("break sync while.") && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ASSERT_TRUE(capture.contains("break sync while."));
+
+    // Separate frames are still queued but nobody pairs them any more.
+    receiver.callback(makeFrame(2));
+    std::lock_guard<std::mutex> lock(m);
+    EXPECT_EQ(receiver.synchronizer.syncPool.frameInfoVec.size(), 1u);
+    ASSERT_EQ(receiver.synchronizer.syncPool.synchronizedVec.size(), 1u);
+    EXPECT_EQ(receiver.synchronizer.syncPool.synchronizedVec[0].frameInfo.frame_id, 1u);
+}
+
+} // namespace

@@ -1,0 +1,103 @@
+// Reader threads, the worker and a consumer all at once, as in a running source
+// element. Built with ThreadSanitizer: any access to the queues outside m fails
+// the run.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "receiver_test_support.h"
+
+namespace {
+
+using namespace receivertest;
+
+constexpr std::uint32_t kFrames = 150;
+
+TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
+    ReceiveImage receiver;
+    receiver.synchronizer.Start();
+
+    std::atomic<bool> producing{true};
+    std::vector<SynchronizedData> consumed;
+    std::thread consumer([&] {
+        // Drains like the source element: copy the front, then remove it, under m.
+        for (;;) {
+            const bool last = !producing;
+            bool took = false;
+            {
+                std::lock_guard<std::mutex> lock(m);
+                auto &out = receiver.synchronizer.syncPool.synchronizedVec;
+                if (!out.empty()) {
+                    consumed.push_back(out.front());
+                    out.erase(out.begin());
+                    took = true;
+                }
+                // The source element reads the picture size while frames arrive.
+                if (receiver.image.cols != receiver.width) ADD_FAILURE() << "picture and width disagree";
+            }
+            if (!took && last) return;
+            if (!took) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+
+    // One reader thread per tag group, as the bus session runs them.
+    std::vector<std::thread> readers;
+    readers.emplace_back([&] {
+        for (std::uint32_t id = 1; id <= kFrames; ++id)
+            receiver.callback(makeFrame(id, 4, 2));
+    });
+    readers.emplace_back([&] {
+        for (std::uint32_t id = 1; id <= kFrames; ++id)
+            receiver.callback(makeClassification(id));
+    });
+    readers.emplace_back([&] {
+        for (std::uint32_t id = 1; id <= kFrames; id += 2)
+            receiver.callback(makeDetection(id));
+    });
+    readers.emplace_back([&] {
+        for (std::uint32_t id = 1; id <= kFrames; id += 3)
+            receiver.callback(makeSegment(id));
+    });
+    readers.emplace_back([&] {
+        for (int i = 0; i < 20; ++i)
+            receiver.callback(makeDevice("cam-" + std::to_string(i)));
+    });
+    for (auto &r : readers)
+        r.join();
+
+    // Wait until the worker has taken every queued frame.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    bool drained = false;
+    while (!drained && std::chrono::steady_clock::now() < deadline) {
+        {
+            std::lock_guard<std::mutex> lock(m);
+            drained = receiver.synchronizer.syncPool.frameInfoVec.empty();
+        }
+        if (!drained) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    producing = false;
+    consumer.join();
+    receiver.synchronizer.Stop();
+    ASSERT_TRUE(drained);
+
+    ASSERT_FALSE(consumed.empty());
+    // Entries need not leave in frame order: a pass skips ahead and the next
+    // one returns to the frames it left behind.
+    for (const SynchronizedData &e : consumed) {
+        const std::uint32_t id = e.frameInfo.frame_id;
+        SCOPED_TRACE("frame " + std::to_string(id));
+        ASSERT_TRUE(id >= 1 && id <= kFrames);
+        EXPECT_EQ(e.frameInfo.data, makeFrame(id, 4, 2).data);
+        // Whatever was paired belongs to this frame.
+        for (std::uint32_t resultId : {e.classification.frame_id, e.detectionBox.frame_id, e.segmentInfo.frame_id})
+            EXPECT_TRUE(resultId == 0 || resultId == id) << "result for frame " << resultId;
+    }
+    std::lock_guard<std::mutex> lock(m);
+    EXPECT_EQ(receiver.width, 4);
+    EXPECT_EQ(receiver.height, 2);
+}
+
+} // namespace

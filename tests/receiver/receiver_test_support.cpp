@@ -1,0 +1,83 @@
+#include "receiver_test_support.h"
+
+#include <algorithm>
+
+namespace receivertest {
+
+TOLVIXO::FrameInfo makeFrame(std::uint32_t frameId, std::uint32_t width, std::uint32_t height,
+                             const std::string &format) {
+    TOLVIXO::FrameInfo frame;
+    frame.stream_id = "cam-0";
+    frame.frame_id = frameId;
+    frame.width = width;
+    frame.height = height;
+    frame.channels = 3;
+    frame.size = width * height * 3;
+    frame.data.resize(frame.size);
+    for (std::size_t i = 0; i < frame.data.size(); ++i)
+        frame.data[i] = static_cast<unsigned char>(i + 1);
+    frame.format = format;
+    frame.compression = "com.vision.models.COMPRESSION_KIND_NONE";
+    frame.framerate = 30.0f;
+    return frame;
+}
+
+TOLVIXO::Information<TOLVIXO::ClassificationData> makeClassification(std::uint32_t frameId, int results) {
+    TOLVIXO::Information<TOLVIXO::ClassificationData> record;
+    record.engine_id = "classifier";
+    record.stream_id = "cam-0";
+    record.frame_id = frameId;
+    for (int i = 0; i < results; ++i)
+        record.data.push_back({i, "prob", "label-" + std::to_string(i), 0.5f});
+    return record;
+}
+
+TOLVIXO::Information<TOLVIXO::DetectionBoxData> makeDetection(std::uint32_t frameId) {
+    TOLVIXO::Information<TOLVIXO::DetectionBoxData> record;
+    record.engine_id = "detector";
+    record.frame_id = frameId;
+    TOLVIXO::DetectionBoxData box;
+    box.obj_id = static_cast<std::int32_t>(frameId);
+    record.data.push_back(box);
+    return record;
+}
+
+TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId) {
+    TOLVIXO::SegmentInfo record;
+    record.engine_id = "segmenter";
+    record.frame_id = frameId;
+    record.data.resize(1);
+    return record;
+}
+
+TOLVIXO::DeviceInfo makeDevice(const std::string &devId) {
+    TOLVIXO::DeviceInfo device;
+    device.dev_id = devId;
+    return device;
+}
+
+MessageCapture::MessageCapture() {
+    handlerId_ = g_log_set_handler(
+        nullptr, static_cast<GLogLevelFlags>(G_LOG_LEVEL_MESSAGE | G_LOG_FLAG_FATAL | G_LOG_FLAG_RECURSION),
+        &MessageCapture::handle, this);
+}
+
+MessageCapture::~MessageCapture() { g_log_remove_handler(nullptr, handlerId_); }
+
+void MessageCapture::handle(const gchar *, GLogLevelFlags, const gchar *message, gpointer self) {
+    auto *capture = static_cast<MessageCapture *>(self);
+    std::lock_guard<std::mutex> lock(capture->mutex_);
+    capture->lines_.emplace_back(message != nullptr ? message : "");
+}
+
+std::vector<std::string> MessageCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+bool MessageCapture::contains(const std::string &line) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+}
+
+} // namespace receivertest

@@ -1,0 +1,44 @@
+#pragma once
+// Record builders and a capture of the worker's GLib trace lines, shared by the
+// receiver tests.
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <glib.h>
+
+#include "receiver.h"
+
+namespace receivertest {
+
+// A raw frame of width x height pixels whose bytes count up from 1.
+TOLVIXO::FrameInfo makeFrame(std::uint32_t frameId, std::uint32_t width = 2, std::uint32_t height = 2,
+                             const std::string &format = "com.vision.models.PIXEL_FORMAT_BGR8");
+
+TOLVIXO::Information<TOLVIXO::ClassificationData> makeClassification(std::uint32_t frameId, int results = 1);
+TOLVIXO::Information<TOLVIXO::DetectionBoxData> makeDetection(std::uint32_t frameId);
+TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId);
+TOLVIXO::DeviceInfo makeDevice(const std::string &devId);
+
+// Collects the message-level lines of the default log domain while alive.
+class MessageCapture {
+  public:
+    MessageCapture();
+    ~MessageCapture();
+    MessageCapture(const MessageCapture &) = delete;
+    MessageCapture &operator=(const MessageCapture &) = delete;
+
+    std::vector<std::string> lines() const;
+    bool contains(const std::string &line) const;
+
+  private:
+    static void handle(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer self);
+
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    guint handlerId_ = 0;
+};
+
+} // namespace receivertest

@@ -1,0 +1,363 @@
+// The worker's pairing rules, driven one pass at a time under m so that every
+// step is deterministic.
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+#include "receiver_test_support.h"
+
+namespace {
+
+using namespace receivertest;
+
+// One published entry: the frame id, the device, and the frame ids of the three results.
+struct Published {
+    std::uint32_t frame;
+    std::string device;
+    std::uint32_t classification;
+    std::uint32_t detection;
+    std::uint32_t segment;
+    bool operator==(const Published &o) const {
+        return frame == o.frame && device == o.device && classification == o.classification &&
+               detection == o.detection && segment == o.segment;
+    }
+};
+
+std::ostream &operator<<(std::ostream &os, const Published &p) {
+    return os << "{" << p.frame << ", '" << p.device << "', " << p.classification << ", " << p.detection << ", "
+              << p.segment << "}";
+}
+
+// Records that arrive before one pass of the worker.
+struct Arrival {
+    std::vector<std::uint32_t> frames;
+    std::vector<std::uint32_t> classifications;
+    std::vector<std::uint32_t> detections;
+    std::vector<std::uint32_t> segments;
+    std::vector<std::string> devices;
+};
+
+struct PassCase {
+    const char *name;
+    std::vector<Arrival> passes; // one pass after each arrival
+    // State after the last pass.
+    std::vector<Published> published;
+    std::vector<std::uint32_t> framesLeft;
+    std::vector<std::uint32_t> classificationsLeft;
+    std::vector<std::uint32_t> detectionsLeft;
+    std::vector<std::uint32_t> segmentsLeft;
+    std::size_t devicesLeft;
+    bool restartAnnounced;
+};
+
+std::ostream &operator<<(std::ostream &os, const PassCase &c) { return os << c.name; }
+
+template <typename Record> std::vector<std::uint32_t> ids(const std::vector<Record> &queue) {
+    std::vector<std::uint32_t> out;
+    for (const auto &r : queue)
+        out.push_back(r.frame_id);
+    return out;
+}
+
+std::vector<Published> published(const poolingData &pool) {
+    std::vector<Published> out;
+    for (const auto &e : pool.synchronizedVec) {
+        out.push_back({e.frameInfo.frame_id, e.deviceInfo.dev_id, e.classification.frame_id, e.detectionBox.frame_id,
+                       e.segmentInfo.frame_id});
+    }
+    return out;
+}
+
+std::vector<Arrival> oneFramePerPass(std::uint32_t first, std::uint32_t last) {
+    std::vector<Arrival> out;
+    for (std::uint32_t id = first; id <= last; ++id)
+        out.push_back({{id}, {}, {}, {}, {}});
+    return out;
+}
+
+class SyncPassTest : public ::testing::TestWithParam<PassCase> {};
+
+TEST_P(SyncPassTest, PairsFramesWithResults) {
+    const PassCase &c = GetParam();
+    Synchronizer sync;
+    SyncCursor cursor;
+    testing::internal::CaptureStdout();
+    for (const Arrival &a : c.passes) {
+        for (auto id : a.frames)
+            sync.pushFrameInfo(makeFrame(id));
+        for (auto id : a.classifications)
+            sync.pushClassification(makeClassification(id));
+        for (auto id : a.detections)
+            sync.pushDetectionBox(makeDetection(id));
+        for (auto id : a.segments)
+            sync.pushSegmentInfo(makeSegment(id));
+        for (const auto &dev : a.devices)
+            sync.pushDeviceInfo(makeDevice(dev));
+        std::lock_guard<std::mutex> lock(m);
+        sync.syncPass(cursor);
+    }
+    const std::string out = testing::internal::GetCapturedStdout();
+
+    std::lock_guard<std::mutex> lock(m);
+    const poolingData &pool = sync.syncPool;
+    EXPECT_EQ(published(pool), c.published);
+    EXPECT_EQ(ids(pool.frameInfoVec), c.framesLeft);
+    EXPECT_EQ(ids(pool.classificationVec), c.classificationsLeft);
+    EXPECT_EQ(ids(pool.detectionBoxVec), c.detectionsLeft);
+    EXPECT_EQ(ids(pool.segmentInfoVec), c.segmentsLeft);
+    EXPECT_EQ(pool.deviceInfoVec.size(), c.devicesLeft);
+    // Without the message flag the restart line is the only output.
+    EXPECT_EQ(out, c.restartAnnounced ? "clear all queued data from marlet\n" : "");
+}
+
+std::vector<Arrival> tenBareThenMore() {
+    auto passes = oneFramePerPass(1, 10);
+    passes.push_back({});
+    return passes;
+}
+
+std::vector<Arrival> tenWithMatchAtFive() {
+    auto passes = oneFramePerPass(1, 10);
+    passes[4].classifications = {5};
+    return passes;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WalkingOrder, SyncPassTest,
+    ::testing::Values(
+        // Index i is read while the front goes: frame 1, then frame 3, frame 2 removed unread.
+        PassCase{"three_frames_first_pass",
+                 {{{1, 2, 3}, {}, {}, {}, {}}},
+                 {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}},
+                 {3},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        PassCase{"three_frames_second_pass_publishes_the_third_again",
+                 {{{1, 2, 3}, {}, {}, {}, {}}, {}},
+                 {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}, {3, "", 0, 0, 0}},
+                 {},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        // 5 is passed over (front removed), index 1 of [6, 7] is 7: copied, but 6 is what goes.
+        PassCase{"classification_walk_removes_front_on_match",
+                 {{{7}, {5, 6, 7}, {}, {}, {}}},
+                 {{7, "", 7, 0, 0}},
+                 {},
+                 {7},
+                 {},
+                 {},
+                 0,
+                 false},
+        // After 2 is removed the walk is at index 1 of a one-element queue: 4 is not reached.
+        PassCase{"result_behind_an_older_one_is_missed",
+                 {{{4}, {2, 4}, {}, {}, {}}},
+                 {{4, "", 0, 0, 0}},
+                 {},
+                 {4},
+                 {},
+                 {},
+                 0,
+                 false},
+        PassCase{"later_result_stays_queued", {{{4}, {9}, {4}, {}, {}}}, {{4, "", 0, 4, 0}}, {}, {9}, {}, {}, 0, false},
+        PassCase{
+            "all_three_kinds_matched", {{{3}, {3}, {3, 4}, {3}, {}}}, {{3, "", 3, 3, 3}}, {}, {}, {4}, {}, 0, false},
+        PassCase{"nine_bare_frames_published_tenth_held_back",
+                 oneFramePerPass(1, 10),
+                 {{1, "", 0, 0, 0},
+                  {2, "", 0, 0, 0},
+                  {3, "", 0, 0, 0},
+                  {4, "", 0, 0, 0},
+                  {5, "", 0, 0, 0},
+                  {6, "", 0, 0, 0},
+                  {7, "", 0, 0, 0},
+                  {8, "", 0, 0, 0},
+                  {9, "", 0, 0, 0}},
+                 {10},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        // The held-back frame goes out on the next pass: the count restarted.
+        PassCase{"held_back_frame_published_next_pass",
+                 tenBareThenMore(),
+                 {{1, "", 0, 0, 0},
+                  {2, "", 0, 0, 0},
+                  {3, "", 0, 0, 0},
+                  {4, "", 0, 0, 0},
+                  {5, "", 0, 0, 0},
+                  {6, "", 0, 0, 0},
+                  {7, "", 0, 0, 0},
+                  {8, "", 0, 0, 0},
+                  {9, "", 0, 0, 0},
+                  {10, "", 0, 0, 0}},
+                 {},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        // A match restarts the unmatched count, so no frame of the ten is held back.
+        PassCase{"match_restarts_the_unmatched_count",
+                 tenWithMatchAtFive(),
+                 {{1, "", 0, 0, 0},
+                  {2, "", 0, 0, 0},
+                  {3, "", 0, 0, 0},
+                  {4, "", 0, 0, 0},
+                  {5, "", 5, 0, 0},
+                  {6, "", 0, 0, 0},
+                  {7, "", 0, 0, 0},
+                  {8, "", 0, 0, 0},
+                  {9, "", 0, 0, 0},
+                  {10, "", 0, 0, 0}},
+                 {},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        PassCase{"restart_clears_results_and_devices_but_not_segments",
+                 {{{5}, {}, {}, {}, {}}, {{2}, {7}, {8}, {9}, {"cam"}}},
+                 {{5, "", 0, 0, 0}},
+                 {2},
+                 {},
+                 {},
+                 {9},
+                 0,
+                 true},
+        PassCase{"restarted_frame_published_next_pass",
+                 {{{5}, {}, {}, {}, {}}, {{2}, {7}, {8}, {2, 9}, {"cam"}}, {}},
+                 {{5, "", 0, 0, 0}, {2, "", 0, 0, 2}},
+                 {},
+                 {},
+                 {},
+                 {9},
+                 0,
+                 true},
+        PassCase{"device_used_by_next_frame_others_discarded",
+                 {{{1}, {}, {}, {}, {}}, {{2}, {}, {}, {}, {"a", "b"}}, {{3}, {}, {}, {}, {}}},
+                 {{1, "", 0, 0, 0}, {2, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
+                 {},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false},
+        PassCase{"device_taken_by_first_frame_of_a_pass",
+                 {{{1, 2, 3}, {}, {}, {}, {"a"}}},
+                 {{1, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
+                 {3},
+                 {},
+                 {},
+                 {},
+                 0,
+                 false}),
+    [](const ::testing::TestParamInfo<PassCase> &info) { return std::string(info.param.name); });
+
+TEST(SyncPassOutputLimit, KeepsTenBeforeEachAppend) {
+    Synchronizer sync;
+    SyncCursor cursor;
+    std::lock_guard<std::mutex> lock(m);
+    for (std::uint32_t id = 100; id < 112; ++id) {
+        SynchronizedData entry;
+        entry.frameInfo.frame_id = id;
+        sync.syncPool.synchronizedVec.push_back(entry);
+    }
+    sync.syncPool.frameInfoVec.push_back(makeFrame(1));
+    sync.syncPass(cursor);
+
+    const auto &out = sync.syncPool.synchronizedVec;
+    ASSERT_EQ(out.size(), 11u);
+    EXPECT_EQ(out.front().frameInfo.frame_id, 102u);
+    EXPECT_EQ(out.back().frameInfo.frame_id, 1u);
+}
+
+struct DropCase {
+    std::size_t size;
+    int limit;
+    int dropped;
+    std::uint32_t front; // frame id of the oldest entry left; entries are numbered from 0
+};
+
+TEST(DropSynchronizedVec, DropsOldestDownToLimit) {
+    const DropCase cases[] = {
+        {12, 10, 2, 2}, {10, 10, 0, 0}, {5, 1, 4, 4}, {3, 0, 0, 0}, {3, -1, 0, 0}, {0, 10, 0, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE("size " + std::to_string(c.size) + " limit " + std::to_string(c.limit));
+        poolingData pool;
+        for (std::size_t i = 0; i < c.size; ++i) {
+            SynchronizedData entry;
+            entry.frameInfo.frame_id = static_cast<std::uint32_t>(i);
+            pool.synchronizedVec.push_back(entry);
+        }
+        EXPECT_EQ(pool.DropSynchronizedVec(c.limit), c.dropped);
+        EXPECT_EQ(pool.synchronizedVec.size(), c.size - static_cast<std::size_t>(c.dropped));
+        if (!pool.synchronizedVec.empty()) {
+            EXPECT_EQ(pool.synchronizedVec.front().frameInfo.frame_id, c.front);
+        }
+    }
+}
+
+TEST(SyncPassTrace, MessageFlagSelectsTraceLines) {
+    for (bool flag : {false, true}) {
+        SCOPED_TRACE(flag ? "flag on" : "flag off");
+        Synchronizer sync;
+        sync.SetWorkerMessageFlag(flag);
+        SyncCursor cursor;
+        MessageCapture capture;
+        sync.pushFrameInfo(makeFrame(3));
+        sync.pushClassification(makeClassification(3, 2));
+        sync.pushDetectionBox(makeDetection(3));
+        sync.pushSegmentInfo(makeSegment(3));
+        sync.pushDeviceInfo(makeDevice("cam"));
+        for (std::uint32_t id = 100; id < 111; ++id)
+            sync.syncPool.synchronizedVec.emplace_back();
+        testing::internal::CaptureStdout();
+        {
+            std::lock_guard<std::mutex> lock(m);
+            sync.syncPass(cursor);
+        }
+        const std::string out = testing::internal::GetCapturedStdout();
+        if (!flag) {
+            EXPECT_EQ(out, "");
+            EXPECT_TRUE(capture.lines().empty());
+            continue;
+        }
+        EXPECT_EQ(out, "[Drop Data] Dropped 1 synchronizedData.\n"
+                       "(frame id, device id, classification id, detectionbox id, segment id)= (3, cam, 3, 3, 3)\n");
+        const std::vector<std::string> expected = {
+            "************",
+            "in sync_work(), frameInfoVec.size() = 1",
+            "in sync_work(), syncPool.synchronizedVec.size() = 11",
+            "************",
+            "syncID = 3",
+            "classification_n = 1",
+            "start search classification...",
+            "(c_id, syncID) = (3, 3)",
+            "syncPool.classificationVec[0]'s class_result number = 2",
+            "end search classification...",
+            "detection_n = 1",
+            "start search detection...",
+            "(d_id, syncID) = (3, 3)",
+            "end search detection...",
+            "segment_n = 1",
+            "start search segmentation...",
+            "(s_id, syncID) = (3, 3)",
+            "end search segmentation...",
+            "Start get deviceInfoVec...",
+            "end get deviceInfoVec...",
+            "Rest frame number in this sync time = 0",
+        };
+        EXPECT_EQ(capture.lines(), expected);
+    }
+}
+
+} // namespace
