@@ -171,6 +171,11 @@ TEST_F(BusTest, ReadOnAQuietTopicReturnsEmptyAndUnknownNamesFail) {
     EXPECT_THROW(out.write("NoSuchOutput", frame(1, 1)), MarletError);
     // A registered tag group that is not a port of the class is still reachable by name.
     EXPECT_NO_THROW(out.write("DeviceInfoData", frame(1, 1)));
+
+    Thing::Selector outlivesItsThing = in.select("SegmentationData");
+    in.close();
+    EXPECT_THROW(outlivesItsThing.read<Pairs>(10), MarletError);
+    EXPECT_THROW(in.select("SegmentationData"), MarletError);
 }
 
 // A peer that sends bytes our codec rejects costs exactly its own sample.

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -21,6 +22,7 @@ namespace {
 
 using Sample = DataSample<std::vector<IOT_NVP>>;
 using Clock = std::chrono::steady_clock;
+constexpr long kLongestWaitMs = 365L * 24 * 3600 * 1000;
 
 std::string text(const char *s) { return s ? std::string(s) : std::string(); }
 
@@ -145,13 +147,21 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
     if (!state_) throw MarletError("read on an empty Selector");
     detail::SelectorState &s = *state_;
     std::lock_guard<std::mutex> lock(s.mutex);
+    // Negative means do not wait; a year stands in for "for ever" without
+    // overflowing the deadline arithmetic.
+    const auto timeout = std::chrono::milliseconds(std::clamp<long>(timeoutMs, 0, kLongestWaitMs));
+    bool closed;
     {
         std::lock_guard<std::mutex> thingLock(s.thing->mutex);
-        s.thing->ensureOpen();
+        closed = s.thing->closed;
+    }
+    if (closed) {
+        // As for a wrong name: a reader loop that outlives its thing must not spin.
+        std::this_thread::sleep_for(timeout);
+        throw MarletError("read on closed thing \"" + s.thing->id + "\"");
     }
     if (!s.pending.empty()) return servePending(s);
 
-    const auto timeout = std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
     if (!s.tagGroup) {
         // Waiting out the timeout keeps a reader loop on a wrong name from spinning.
         std::this_thread::sleep_for(timeout);
