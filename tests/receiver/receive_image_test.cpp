@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <stdexcept>
-#include <thread>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -319,10 +317,7 @@ TEST(ReceiveImageCombined, FirstRecordStopsTheWorker) {
     MessageCapture capture;
     receiver.synchronizer.Start();
     receiver.callback(uniWith({uniFrame(1)}));
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!capture.contains("break sync while.") && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    ASSERT_TRUE(capture.contains("break sync while."));
+    ASSERT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
 
     // Separate frames are still queued but nobody pairs them any more.
     receiver.callback(makeFrame(2));

@@ -68,16 +68,10 @@ TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
     for (auto &r : readers)
         r.join();
 
-    // Wait until the worker has taken every queued frame.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    bool drained = false;
-    while (!drained && std::chrono::steady_clock::now() < deadline) {
-        {
-            std::lock_guard<std::mutex> lock(m);
-            drained = receiver.synchronizer.syncPool.frameInfoVec.empty();
-        }
-        if (!drained) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    const bool drained = eventually([&] {
+        std::lock_guard<std::mutex> lock(m);
+        return receiver.synchronizer.syncPool.frameInfoVec.empty();
+    });
     producing = false;
     consumer.join();
     receiver.synchronizer.Stop();
@@ -98,6 +92,21 @@ TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
     std::lock_guard<std::mutex> lock(m);
     EXPECT_EQ(receiver.width, 4);
     EXPECT_EQ(receiver.height, 2);
+}
+
+TEST(ReceiverConcurrency, WorkerOutlivingItsSynchronizerEndsWithoutTouchingIt) {
+    // The worker is detached, so it is still asleep when its synchroniser goes.
+    // Any read of the freed object on its way out is reported here.
+    MessageCapture capture;
+    auto sync = std::make_unique<Synchronizer>();
+    sync->Start();
+    sync->pushFrameInfo(makeFrame(1));
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> lock(m);
+        return sync->syncPool.synchronizedVec.size() == 1;
+    }));
+    sync.reset();
+    EXPECT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
 }
 
 } // namespace

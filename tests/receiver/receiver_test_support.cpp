@@ -1,6 +1,8 @@
 #include "receiver_test_support.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 namespace receivertest {
 
@@ -54,6 +56,15 @@ TOLVIXO::DeviceInfo makeDevice(const std::string &devId) {
     TOLVIXO::DeviceInfo device;
     device.dev_id = devId;
     return device;
+}
+
+bool eventually(const std::function<bool()> &cond) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return cond();
 }
 
 MessageCapture::MessageCapture() {

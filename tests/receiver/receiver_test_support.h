@@ -3,6 +3,7 @@
 // receiver tests.
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ TOLVIXO::Information<TOLVIXO::ClassificationData> makeClassification(std::uint32
 TOLVIXO::Information<TOLVIXO::DetectionBoxData> makeDetection(std::uint32_t frameId);
 TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId);
 TOLVIXO::DeviceInfo makeDevice(const std::string &devId);
+
+// Polls cond until it holds; the deadline only keeps a broken build from hanging.
+bool eventually(const std::function<bool()> &cond);
 
 // Collects the message-level lines of the default log domain while alive.
 class MessageCapture {
