@@ -20,26 +20,26 @@ void DecodeRecord(const NvpList &pairs, DeviceInfo &out) { fields::decodeDevice(
 void DecodeRecord(const NvpList &pairs, ClassificationData &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "index") out.index = p.value().iotv_int32();
-        if (n == "output") out.output = p.value().iotv_string();
-        if (n == "label") out.label = p.value().iotv_string();
-        if (n == "probability") out.probability = p.value().iotv_float32();
+        if (fields::is(n, "index")) out.index = p.value().iotv_int32();
+        if (fields::is(n, "output")) out.output = p.value().iotv_string();
+        if (fields::is(n, "label")) out.label = p.value().iotv_string();
+        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
     }
 }
 
 void DecodeRecord(const NvpList &pairs, DetectionBoxData &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "obj_id") out.obj_id = p.value().iotv_int32();
-        if (n == "obj_label") out.obj_label = p.value().iotv_string();
-        if (n == "class_id") out.class_id = p.value().iotv_int32();
-        if (n == "class_label") out.class_label = p.value().iotv_string();
-        if (n == "x1") out.x1 = p.value().iotv_float32();
-        if (n == "y1") out.y1 = p.value().iotv_float32();
-        if (n == "x2") out.x2 = p.value().iotv_float32();
-        if (n == "y2") out.y2 = p.value().iotv_float32();
-        if (n == "probability") out.probability = p.value().iotv_float32();
-        if (n == "meta") out.meta = p.value().iotv_string();
+        if (fields::is(n, "obj_id")) out.obj_id = p.value().iotv_int32();
+        if (fields::is(n, "obj_label")) out.obj_label = p.value().iotv_string();
+        if (fields::is(n, "class_id")) out.class_id = p.value().iotv_int32();
+        if (fields::is(n, "class_label")) out.class_label = p.value().iotv_string();
+        if (fields::is(n, "x1")) out.x1 = p.value().iotv_float32();
+        if (fields::is(n, "y1")) out.y1 = p.value().iotv_float32();
+        if (fields::is(n, "x2")) out.x2 = p.value().iotv_float32();
+        if (fields::is(n, "y2")) out.y2 = p.value().iotv_float32();
+        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
+        if (fields::is(n, "meta")) out.meta = p.value().iotv_string();
     }
 }
 
@@ -52,10 +52,10 @@ namespace {
 template <typename T> void decodeResults(const NvpList &pairs, Information<T> &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "engine_id") out.engine_id = p.value().iotv_string();
-        if (n == "stream_id") out.stream_id = p.value().iotv_string();
-        if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
-        if (n == "data") {
+        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
+        if (fields::is(n, "stream_id")) out.stream_id = p.value().iotv_string();
+        if (fields::is(n, "frame_id")) out.frame_id = p.value().iotv_uint32();
+        if (fields::is(n, "data")) {
             std::vector<T> items;
             fields::decodeList(p, items, [](const NvpList &e, T &item) { DecodeRecord(e, item); });
             out.data = std::move(items);
@@ -72,11 +72,11 @@ void DecodeRecord(const NvpList &pairs, Information<DetectionBoxData> &out) { de
 void DecodeRecord(const NvpList &pairs, SegmentInfo &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "engine_id") out.engine_id = p.value().iotv_string();
-        if (n == "stream_id") out.stream_id = p.value().iotv_string();
-        if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
-        if (n == "inference_id") out.inference_id = p.value().iotv_uint32();
-        if (n == "data") {
+        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
+        if (fields::is(n, "stream_id")) out.stream_id = p.value().iotv_string();
+        if (fields::is(n, "frame_id")) out.frame_id = p.value().iotv_uint32();
+        if (fields::is(n, "inference_id")) out.inference_id = p.value().iotv_uint32();
+        if (fields::is(n, "data")) {
             std::vector<SegmentationData> items;
             fields::decodeList(p, items, [](const NvpList &e, SegmentationData &m) { DecodeRecord(e, m); });
             out.data = std::move(items);

@@ -3,6 +3,7 @@
 // combined pipe record, which carry the frame, device and mask fields under
 // the same names, kinds and order.
 
+#include <cstring>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -60,6 +61,12 @@ inline IOT_NVP entry(Pairs v) {
     return e;
 }
 
+// Exact, case-sensitive name test. The length is compared first: most of a
+// decoder's tests fail there, which keeps large lists cheap to decode.
+template <std::size_t N> bool is(const std::string &name, const char (&literal)[N]) {
+    return name.size() == N - 1 && std::memcmp(name.data(), literal, N - 1) == 0;
+}
+
 // Byte payloads: copied out of a sequence the caller keeps, moved out of one
 // it hands over.
 inline void takeBytes(const IOT_NVP &p, std::vector<unsigned char> &out) {
@@ -87,17 +94,17 @@ template <typename Frame> void encodeFrame(const Frame &f, Pairs &out) {
 // anyway, and this keeps every decoder of the same shape.
 template <typename Pair, typename Frame> void decodeFrameField(Pair &p, Frame &out) {
     const std::string &n = p.name();
-    if (n == "stream_id") out.stream_id = p.value().iotv_string();
-    if (n == "frame_id") out.frame_id = p.value().iotv_uint32();
-    if (n == "timestamp") out.timestamp = p.value().iotv_int64();
-    if (n == "data") takeBytes(p, out.data);
-    if (n == "width") out.width = p.value().iotv_uint32();
-    if (n == "height") out.height = p.value().iotv_uint32();
-    if (n == "channels") out.channels = p.value().iotv_uint32();
-    if (n == "size") out.size = p.value().iotv_uint32();
-    if (n == "format") out.format = p.value().iotv_string();
-    if (n == "compression") out.compression = p.value().iotv_string();
-    if (n == "framerate") out.framerate = p.value().iotv_float32();
+    if (is(n, "stream_id")) out.stream_id = p.value().iotv_string();
+    if (is(n, "frame_id")) out.frame_id = p.value().iotv_uint32();
+    if (is(n, "timestamp")) out.timestamp = p.value().iotv_int64();
+    if (is(n, "data")) takeBytes(p, out.data);
+    if (is(n, "width")) out.width = p.value().iotv_uint32();
+    if (is(n, "height")) out.height = p.value().iotv_uint32();
+    if (is(n, "channels")) out.channels = p.value().iotv_uint32();
+    if (is(n, "size")) out.size = p.value().iotv_uint32();
+    if (is(n, "format")) out.format = p.value().iotv_string();
+    if (is(n, "compression")) out.compression = p.value().iotv_string();
+    if (is(n, "framerate")) out.framerate = p.value().iotv_float32();
 }
 
 template <typename Device> void encodeDevice(const Device &d, Pairs &out) {
@@ -119,19 +126,19 @@ template <typename Device> void encodeDevice(const Device &d, Pairs &out) {
 template <typename Device> void decodeDevice(const Pairs &pairs, Device &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "stream_id") out.stream_id = p.value().iotv_string();
-        if (n == "mac_address") out.mac_address = p.value().iotv_string();
-        if (n == "ip_address") out.ip_address = p.value().iotv_string();
-        if (n == "port") out.port = p.value().iotv_int32();
-        if (n == "uri") out.uri = p.value().iotv_string();
-        if (n == "manufacturer") out.manufacturer = p.value().iotv_string();
-        if (n == "model") out.model = p.value().iotv_string();
-        if (n == "serial") out.serial = p.value().iotv_string();
-        if (n == "fw_version") out.fw_version = p.value().iotv_string();
-        if (n == "dev_id") out.dev_id = p.value().iotv_string();
-        if (n == "status") out.status = p.value().iotv_string();
-        if (n == "kind") out.kind = p.value().iotv_string();
-        if (n == "protocol") out.protocol = p.value().iotv_string();
+        if (is(n, "stream_id")) out.stream_id = p.value().iotv_string();
+        if (is(n, "mac_address")) out.mac_address = p.value().iotv_string();
+        if (is(n, "ip_address")) out.ip_address = p.value().iotv_string();
+        if (is(n, "port")) out.port = p.value().iotv_int32();
+        if (is(n, "uri")) out.uri = p.value().iotv_string();
+        if (is(n, "manufacturer")) out.manufacturer = p.value().iotv_string();
+        if (is(n, "model")) out.model = p.value().iotv_string();
+        if (is(n, "serial")) out.serial = p.value().iotv_string();
+        if (is(n, "fw_version")) out.fw_version = p.value().iotv_string();
+        if (is(n, "dev_id")) out.dev_id = p.value().iotv_string();
+        if (is(n, "status")) out.status = p.value().iotv_string();
+        if (is(n, "kind")) out.kind = p.value().iotv_string();
+        if (is(n, "protocol")) out.protocol = p.value().iotv_string();
     }
 }
 
@@ -154,16 +161,16 @@ template <typename Mask> Pairs encodeMask(const Mask &m) {
 template <typename Mask> void decodeMask(const Pairs &pairs, Mask &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "id") out.id = p.value().iotv_uint32();
-        if (n == "repeat") out.repeat = p.value().iotv_uint32();
-        if (n == "width") out.width = p.value().iotv_uint32();
-        if (n == "height") out.height = p.value().iotv_uint32();
-        if (n == "size") out.size = p.value().iotv_uint32();
-        if (n == "channels") out.channels = p.value().iotv_uint32();
-        if (n == "color") out.color = p.value().iotv_uint32();
-        if (n == "label") out.label = p.value().iotv_string();
-        if (n == "probability") out.probability = p.value().iotv_float32();
-        if (n == "data") takeBytes(p, out.data);
+        if (is(n, "id")) out.id = p.value().iotv_uint32();
+        if (is(n, "repeat")) out.repeat = p.value().iotv_uint32();
+        if (is(n, "width")) out.width = p.value().iotv_uint32();
+        if (is(n, "height")) out.height = p.value().iotv_uint32();
+        if (is(n, "size")) out.size = p.value().iotv_uint32();
+        if (is(n, "channels")) out.channels = p.value().iotv_uint32();
+        if (is(n, "color")) out.color = p.value().iotv_uint32();
+        if (is(n, "label")) out.label = p.value().iotv_string();
+        if (is(n, "probability")) out.probability = p.value().iotv_float32();
+        if (is(n, "data")) takeBytes(p, out.data);
     }
 }
 

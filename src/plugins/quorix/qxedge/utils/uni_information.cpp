@@ -68,28 +68,28 @@ namespace {
 void decodeClassification(const UniNvpList &pairs, IXO_ClassificationData &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "engine_id") out.engine_id = p.value().iotv_string();
-        if (n == "index") out.index = p.value().iotv_uint32();
-        if (n == "output") out.output = p.value().iotv_string();
-        if (n == "label") out.label = p.value().iotv_string();
-        if (n == "probability") out.probability = p.value().iotv_float32();
+        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
+        if (fields::is(n, "index")) out.index = p.value().iotv_uint32();
+        if (fields::is(n, "output")) out.output = p.value().iotv_string();
+        if (fields::is(n, "label")) out.label = p.value().iotv_string();
+        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
     }
 }
 
 void decodeBox(const UniNvpList &pairs, IXO_DetectionBoxData &out) {
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "engine_id") out.engine_id = p.value().iotv_string();
-        if (n == "obj_id") out.obj_id = p.value().iotv_uint32();
-        if (n == "obj_label") out.obj_label = p.value().iotv_string();
-        if (n == "class_id") out.class_id = p.value().iotv_uint32();
-        if (n == "class_label") out.class_label = p.value().iotv_string();
-        if (n == "x1") out.x1 = p.value().iotv_float32();
-        if (n == "y1") out.y1 = p.value().iotv_float32();
-        if (n == "x2") out.x2 = p.value().iotv_float32();
-        if (n == "y2") out.y2 = p.value().iotv_float32();
-        if (n == "probability") out.probability = p.value().iotv_float32();
-        if (n == "meta") out.meta = p.value().iotv_string();
+        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
+        if (fields::is(n, "obj_id")) out.obj_id = p.value().iotv_uint32();
+        if (fields::is(n, "obj_label")) out.obj_label = p.value().iotv_string();
+        if (fields::is(n, "class_id")) out.class_id = p.value().iotv_uint32();
+        if (fields::is(n, "class_label")) out.class_label = p.value().iotv_string();
+        if (fields::is(n, "x1")) out.x1 = p.value().iotv_float32();
+        if (fields::is(n, "y1")) out.y1 = p.value().iotv_float32();
+        if (fields::is(n, "x2")) out.x2 = p.value().iotv_float32();
+        if (fields::is(n, "y2")) out.y2 = p.value().iotv_float32();
+        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
+        if (fields::is(n, "meta")) out.meta = p.value().iotv_string();
     }
 }
 
@@ -100,15 +100,15 @@ IXO_VideoFrameData IXO_VideoFrameData::Decode(const UniNvpList &pairs) {
     for (const auto &p : pairs) {
         fields::decodeFrameField(p, frame);
         const std::string &n = p.name();
-        if (n == "ClassificationResult") {
+        if (fields::is(n, "ClassificationResult")) {
             frame.classificationResult.clear();
             fields::decodeList(p, frame.classificationResult, decodeClassification);
         }
-        if (n == "DetectionResult") {
+        if (fields::is(n, "DetectionResult")) {
             frame.detectionResult.clear();
             fields::decodeList(p, frame.detectionResult, decodeBox);
         }
-        if (n == "SegmentationResult") {
+        if (fields::is(n, "SegmentationResult")) {
             frame.segmentationResult.clear();
             fields::decodeList(p, frame.segmentationResult,
                                [](const UniNvpList &e, IXO_SegmentationData &m) { fields::decodeMask(e, m); });
@@ -156,11 +156,11 @@ UniInfo UniInfo::Decode(const UniNvpList &pairs) {
     UniInfo info;
     for (const auto &p : pairs) {
         const std::string &n = p.name();
-        if (n == "VideoList") {
+        if (fields::is(n, "VideoList")) {
             for (const auto &e : p.value().iotv_nvp_seq())
                 info.videoList.push_back(IXO_VideoFrameData::Decode(e.value().iotv_nvp_seq()));
         }
-        if (n == "DeviceList") {
+        if (fields::is(n, "DeviceList")) {
             for (const auto &e : p.value().iotv_nvp_seq())
                 info.deviceList.push_back(IXO_DeviceInfoData::Decode(e.value().iotv_nvp_seq()));
         }
