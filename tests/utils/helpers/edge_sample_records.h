@@ -35,115 +35,74 @@ inline std::vector<unsigned char> patternBytes(std::uint32_t seed) {
 }
 
 inline TOLVIXO::FrameInfo frame(std::uint32_t frameId, const std::string &streamId = "cam-front") {
-    TOLVIXO::FrameInfo f;
-    f.stream_id = streamId;
-    f.frame_id = frameId;
-    f.timestamp = 20240102030405006LL;
-    f.data = patternBytes(frameId);
-    f.width = kWidth;
-    f.height = kHeight;
-    f.channels = 3;
-    f.size = static_cast<std::uint32_t>(f.data.size());
-    f.format = "com.vision.models.PIXEL_FORMAT_BGR8";
-    f.compression = "com.vision.models.COMPRESSION_KIND_NONE";
-    f.framerate = 29.97f;
-    return f;
+    std::vector<unsigned char> bytes = patternBytes(frameId);
+    const auto size = static_cast<std::uint32_t>(bytes.size());
+    return {streamId,
+            frameId,
+            20240102030405006LL,
+            std::move(bytes),
+            kWidth,
+            kHeight,
+            3,
+            size,
+            "com.vision.models.PIXEL_FORMAT_BGR8",
+            "com.vision.models.COMPRESSION_KIND_NONE",
+            29.97f};
 }
 
 // A frame small enough to send many times.
 inline TOLVIXO::FrameInfo smallFrame(std::uint32_t frameId, const std::string &streamId) {
-    TOLVIXO::FrameInfo f;
-    f.stream_id = streamId;
-    f.frame_id = frameId;
-    f.data = {1, 2, 3, 4, 5, 6};
-    f.width = 2;
-    f.height = 1;
-    f.channels = 3;
-    f.size = 6;
-    f.format = "com.vision.models.PIXEL_FORMAT_BGR8";
-    f.compression = "com.vision.models.COMPRESSION_KIND_NONE";
-    return f;
+    return {streamId,
+            frameId,
+            0,
+            {1, 2, 3, 4, 5, 6},
+            2,
+            1,
+            3,
+            6,
+            "com.vision.models.PIXEL_FORMAT_BGR8",
+            "com.vision.models.COMPRESSION_KIND_NONE",
+            0.0f};
 }
 
 inline TOLVIXO::DeviceInfo device() {
-    TOLVIXO::DeviceInfo d;
-    d.stream_id = "cam-front";
-    d.mac_address = "02:42:ac:11:00:02";
-    d.ip_address = "127.0.0.2";
-    d.port = -554;
-    d.uri = "rtsp://127.0.0.2/stream1";
-    d.manufacturer = "Quorix";
-    d.model = "QX-CAM-9";
-    d.serial = "SN-0042";
-    d.fw_version = "3.1.4";
-    d.dev_id = "dev-7";
-    d.status = "com.vision.models.DEVICE_STATUS_ONLINE";
-    d.kind = "com.vision.models.DEVICE_KIND_CAMERA";
-    d.protocol = "com.vision.models.INTERFACE_RTSP";
-    return d;
+    return {"cam-front",
+            "02:42:ac:11:00:02",
+            "127.0.0.2",
+            -554,
+            "rtsp://127.0.0.2/stream1",
+            "Quorix",
+            "QX-CAM-9",
+            "SN-0042",
+            "3.1.4",
+            "dev-7",
+            "com.vision.models.DEVICE_STATUS_ONLINE",
+            "com.vision.models.DEVICE_KIND_CAMERA",
+            "com.vision.models.INTERFACE_RTSP"};
 }
 
 inline TOLVIXO::Information<TOLVIXO::ClassificationData> classification() {
-    TOLVIXO::Information<TOLVIXO::ClassificationData> c;
-    c.engine_id = "classifier-1";
-    c.stream_id = "cam-front";
-    c.frame_id = 4000000000u;
-    c.data.push_back({-3, "logits", "cat", 0.75f});
-    c.data.push_back({281, "logits", "tabby", 0.125f});
-    return c;
+    return {"classifier-1", "cam-front", 4000000000u, {{-3, "logits", "cat", 0.75f}, {281, "logits", "tabby", 0.125f}}};
 }
 
 inline TOLVIXO::Information<TOLVIXO::DetectionBoxData> detection() {
-    TOLVIXO::Information<TOLVIXO::DetectionBoxData> d;
-    d.engine_id = "detector-2";
-    d.stream_id = "cam-front";
-    d.frame_id = 17;
-    TOLVIXO::DetectionBoxData a;
-    a.obj_id = 5;
-    a.class_id = -1;
-    a.obj_label = "person-5";
-    a.class_label = "person";
-    a.x1 = 10.5f;
-    a.y1 = 20.25f;
-    a.x2 = 300.0f;
-    a.y2 = 400.75f;
-    a.probability = 0.875f;
-    a.meta = "{\"track\":3}";
-    TOLVIXO::DetectionBoxData b = a;
-    b.obj_id = 6;
-    b.class_id = 2;
-    b.obj_label = "car-6";
-    b.class_label = "car";
-    b.meta = "";
-    d.data = {a, b};
-    return d;
+    // Members: obj_id, class_id, obj_label, class_label, x1, y1, x2, y2, probability, meta.
+    return {"detector-2",
+            "cam-front",
+            17,
+            {{5, -1, "person-5", "person", 10.5f, 20.25f, 300.0f, 400.75f, 0.875f, "{\"track\":3}"},
+             {6, 2, "car-6", "car", 1.0f, 2.0f, 3.0f, 4.0f, 0.5f, ""}}};
 }
 
 inline TOLVIXO::SegmentInfo segmentation() {
-    TOLVIXO::SegmentInfo s;
-    s.engine_id = "segmenter-3";
-    s.stream_id = "cam-front";
-    s.frame_id = 17;
-    s.inference_id = 99;
-    TOLVIXO::SegmentationData m;
-    m.id = 1;
-    m.repeat = 2;
-    m.width = 4;
-    m.height = 2;
-    m.size = 8;
-    m.channels = 1;
-    m.color = 0xff00ffu;
-    m.label = "road";
-    m.probability = 0.5f;
-    m.data = {0, 1, 2, 3, 4, 5, 6, 255};
-    s.data = {m};
-    return s;
+    // Mask members: id, repeat, width, height, size, channels, color, label, probability, data.
+    return {
+        "segmenter-3", "cam-front", 17, 99, {{1, 2, 4, 2, 8, 1, 0xff00ffu, "road", 0.5f, {0, 1, 2, 3, 4, 5, 6, 255}}}};
 }
 
 inline TOLVIXO::UniInfo uni() {
-    TOLVIXO::UniInfo u;
-    TOLVIXO::IXO_VideoFrameData first;
     const TOLVIXO::FrameInfo f = frame(21);
+    TOLVIXO::IXO_VideoFrameData first;
     first.stream_id = f.stream_id;
     first.frame_id = f.frame_id;
     first.timestamp = f.timestamp;
@@ -155,33 +114,10 @@ inline TOLVIXO::UniInfo uni() {
     first.format = f.format;
     first.compression = f.compression;
     first.framerate = f.framerate;
-    first.classificationResult.push_back({"classifier-1", 4294967295u, "logits", "cat", 0.75f});
-    TOLVIXO::IXO_DetectionBoxData box;
-    box.engine_id = "detector-2";
-    box.obj_id = 4000000001u;
-    box.class_id = 3;
-    box.obj_label = "bike-1";
-    box.class_label = "bike";
-    box.x1 = 1.5f;
-    box.y1 = 2.5f;
-    box.x2 = 3.5f;
-    box.y2 = 4.5f;
-    box.probability = 0.25f;
-    box.meta = "m";
-    first.detectionResult = {box, box};
-    first.detectionResult[1].obj_id = 2;
-    TOLVIXO::IXO_SegmentationData mask;
-    mask.id = 9;
-    mask.repeat = 1;
-    mask.width = 2;
-    mask.height = 2;
-    mask.size = 4;
-    mask.channels = 1;
-    mask.color = 7;
-    mask.label = "sky";
-    mask.probability = 0.5f;
-    mask.data = {9, 8, 7, 6};
-    first.segmentationResult = {mask};
+    first.classificationResult = {{"classifier-1", 4294967295u, "logits", "cat", 0.75f}};
+    first.detectionResult = {{"detector-2", 4000000001u, 3, "bike-1", "bike", 1.5f, 2.5f, 3.5f, 4.5f, 0.25f, "m"},
+                             {"detector-2", 2, 3, "bike-2", "bike", 5.5f, 6.5f, 7.5f, 8.5f, 0.75f, ""}};
+    first.segmentationResult = {{9, 1, 2, 2, 4, 1, 7, "sky", 0.5f, {9, 8, 7, 6}}};
 
     TOLVIXO::IXO_VideoFrameData second;
     second.stream_id = "cam-rear";
@@ -189,16 +125,18 @@ inline TOLVIXO::UniInfo uni() {
     second.data = {1, 2, 3};
     second.size = 3;
 
-    u.videoList = {first, second};
-    TOLVIXO::IXO_DeviceInfoData dev;
-    dev.stream_id = "cam-front";
-    dev.ip_address = "127.0.0.3";
-    dev.port = 8554;
-    dev.uri = "rtsp://127.0.0.3/a";
-    TOLVIXO::IXO_DeviceInfoData rear = dev;
+    TOLVIXO::IXO_DeviceInfoData front;
+    front.stream_id = "cam-front";
+    front.ip_address = "127.0.0.3";
+    front.port = 8554;
+    front.uri = "rtsp://127.0.0.3/a";
+    TOLVIXO::IXO_DeviceInfoData rear = front;
     rear.stream_id = "cam-rear";
     rear.serial = "SN-2";
-    u.deviceList = {dev, rear};
+
+    TOLVIXO::UniInfo u;
+    u.videoList = {first, second};
+    u.deviceList = {front, rear};
     return u;
 }
 
