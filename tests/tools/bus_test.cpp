@@ -24,7 +24,7 @@ using qxbus_test::runQxbus;
 // Generous: these bound a hang, they do not measure anything.
 constexpr auto kChildLimit = std::chrono::milliseconds(120000);
 
-std::string defaultFlowOf(const qxtest::ConfigRoot& root, const std::string& propertiesFile) {
+std::string defaultFlowOf(const qxtest::ConfigRoot &root, const std::string &propertiesFile) {
     return json::parse(root.readFile("config/" + propertiesFile)).at("contextId").get<std::string>();
 }
 
@@ -32,9 +32,10 @@ TEST(QxbusEcho, JsonLinesCarryWhatAnotherProcessPublished) {
     const qxtest::ConfigRoot root;
     qxtest::ChildProcess echo(qxbusArgv({"echo", "DetectionBoxData", "--json", "--count", "2", "--timeout", "100"}),
                               root.path());
-    const char* record = R"({"engine_id": "yolo", "stream_id": "cam7", "frame_id": 4294967295,
+    const char *record = R"({"engine_id": "yolo", "stream_id": "cam7", "frame_id": 4294967295,
         "data": [{"obj_id": 3, "obj_label": "car", "x1": 0.25, "probability": 0.5, "meta": "m"}]})";
-    const auto published = runQxbus({"publish", "DetectionBoxData", record, "--count", "2", "--wait", "60"}, root.path());
+    const auto published =
+        runQxbus({"publish", "DetectionBoxData", record, "--count", "2", "--wait", "60"}, root.path());
     ASSERT_EQ(published.status, 0) << published.err;
 
     ASSERT_EQ(echo.wait(kChildLimit), 0) << echo.err();
@@ -67,7 +68,7 @@ TEST(QxbusEcho, TextShowsKindsNestingAndAByteSummary) {
               std::string::npos)
         << out;
     EXPECT_NE(out.find("flow \"lab\""), std::string::npos) << out;
-    for (const char* line : {"  stream_id (string) = \"s\"\n", "  frame_id (uint32) = 4000000000\n",
+    for (const char *line : {"  stream_id (string) = \"s\"\n", "  frame_id (uint32) = 4000000000\n",
                              "  timestamp (int64) = 20240102030405006\n",
                              "  data (byte_seq) = 20 bytes: 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 ...\n",
                              "  framerate (float32) = 29.97\n"})
@@ -82,9 +83,9 @@ TEST(QxbusEcho, FlowOptionReadsOneFlowOnly) {
     qxtest::ChildProcess everyFlow(
         qxbusArgv({"echo", "ClassificationData", "--json", "--count", "3", "--timeout", "100"}), root.path());
     // camB first: had the flow filter leaked, camA's reader would see these before its own record.
-    const auto b = runQxbus({"publish", "ClassificationData", R"({"stream_id": "B"})", "--flow", "camB", "--count", "2",
-                             "--wait", "60"},
-                            root.path());
+    const auto b = runQxbus(
+        {"publish", "ClassificationData", R"({"stream_id": "B"})", "--flow", "camB", "--count", "2", "--wait", "60"},
+        root.path());
     ASSERT_EQ(b.status, 0) << b.err;
     const auto a = runQxbus(
         {"publish", "ClassificationData", R"({"stream_id": "A"})", "--flow", "camA", "--wait", "60"}, root.path());
@@ -98,7 +99,8 @@ TEST(QxbusEcho, FlowOptionReadsOneFlowOnly) {
 
     ASSERT_EQ(everyFlow.wait(kChildLimit), 0) << everyFlow.err();
     std::vector<std::string> flows;
-    for (const auto& line : lines(everyFlow.out())) flows.push_back(json::parse(line).at("flow"));
+    for (const auto &line : lines(everyFlow.out()))
+        flows.push_back(json::parse(line).at("flow"));
     EXPECT_EQ(flows, (std::vector<std::string>{"camB", "camB", "camA"}));
 }
 
@@ -106,8 +108,7 @@ TEST(QxbusEcho, NothingBeforeTheTimeoutIsAFailure) {
     const qxtest::ConfigRoot root;
     const auto result = runQxbus({"echo", "SegmentationData", "--timeout", "1"}, root.path());
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("no record of com.vision.data.SegmentationData received within 1 s"),
-              std::string::npos)
+    EXPECT_NE(result.err.find("no record of com.vision.data.SegmentationData received within 1 s"), std::string::npos)
         << result.err;
     EXPECT_EQ(result.out, "");
 }
@@ -120,8 +121,10 @@ TEST(QxbusList, ShowsTheThingsAndTagGroupsOfRunningProcesses) {
                                 root.path());
     const std::regex group(
         R"(com\.vision\.data:DeviceInfoData  topic com\.vision\.data\.DeviceInfoData  writers 1  readers 1  flows \*,siteX)");
-    const std::regex writerThing(R"(qxbus-\S+  class com\.vision\.tools:QxBusOut-\S+  flows siteX\n    out com\.vision\.data\.DeviceInfoData)");
-    const std::regex readerThing(R"(qxbus-\S+  class com\.vision\.tools:QxBusIn-\S+  flows \*\n    in  com\.vision\.data\.DeviceInfoData)");
+    const std::regex writerThing(
+        R"(qxbus-\S+  class com\.vision\.tools:QxBusOut-\S+  flows siteX\n    out com\.vision\.data\.DeviceInfoData)");
+    const std::regex readerThing(
+        R"(qxbus-\S+  class com\.vision\.tools:QxBusIn-\S+  flows \*\n    in  com\.vision\.data\.DeviceInfoData)");
     // Discovery takes its own time; ask again rather than guess how long.
     std::string listed;
     for (int attempt = 0; attempt < 10; ++attempt) {
@@ -161,7 +164,7 @@ TEST(QxbusStats, CountsEverySamplePerTopic) {
     // "com.vision.data:VideoFrameData  com.vision.data.VideoFrameData  5  ..."
     std::map<std::string, long> samplesByTopic;
     const std::regex row(R"((\S+:\S+)\s+(\S+)\s+(\d+)\s+[\d.]+\s+\d+)");
-    for (const auto& line : lines(stats.out())) {
+    for (const auto &line : lines(stats.out())) {
         std::smatch m;
         if (std::regex_search(line, m, row)) samplesByTopic[m[2]] = std::stol(m[3]);
     }
@@ -189,7 +192,7 @@ TEST(QxbusEcho, ReadsFramesPublishedByAPipeline) {
     pipeline.wait(kChildLimit);
     const auto frames = lines(echo.out());
     ASSERT_EQ(frames.size(), 2u);
-    for (const auto& frame : frames) {
+    for (const auto &frame : frames) {
         const json record = json::parse(frame).at("record");
         EXPECT_EQ(record.at("width"), 64);
         EXPECT_EQ(record.at("height"), 48);

@@ -11,23 +11,24 @@
 namespace {
 
 TEST(DdsTopicName, FollowsTheBusLibraryMapping) {
-    const std::pair<const char*, const char*> cases[] = {
+    const std::pair<const char *, const char *> cases[] = {
         {"com.vision.data.VideoFrameData", "com/vision/data/VideoFrameData"},
         {"a-b c", "a_b_c"},
         {"9lives", "_9lives"},
         {"", "_"},
     };
-    for (const auto& [topic, dds] : cases) EXPECT_EQ(qxbus::ddsTopicName(topic), dds) << topic;
+    for (const auto &[topic, dds] : cases)
+        EXPECT_EQ(qxbus::ddsTopicName(topic), dds) << topic;
 }
 
 TEST(ParseIdentity, ReadsThingIdAndClassInAnyOrder) {
-    const std::tuple<const char*, const char*, const char*> cases[] = {
+    const std::tuple<const char *, const char *, const char *> cases[] = {
         {"thingId=abc;thingClass=com.vision.data:VideoFrameThingOut", "abc", "com.vision.data:VideoFrameThingOut"},
         {"thingClass=ns:C;other=1;thingId=x=y", "x=y", "ns:C"},
         {"garbage without keys", "", ""},
         {"", "", ""},
     };
-    for (const auto& [userData, id, thingClass] : cases) {
+    for (const auto &[userData, id, thingClass] : cases) {
         qxbus::Endpoint endpoint;
         qxbus::parseIdentity(userData, endpoint);
         EXPECT_EQ(endpoint.thingId, id) << userData;
@@ -38,15 +39,20 @@ TEST(ParseIdentity, ReadsThingIdAndClassInAnyOrder) {
 TEST(PartitionsMatch, ReaderPatternsAgainstAWriterFlow) {
     struct Case {
         std::vector<std::string> reader;
-        const char* writer;
+        const char *writer;
         bool match;
     };
     const Case cases[] = {
-        {{"flow.*"}, "flow.cam1", true},   {{"flow.*"}, "flow.", true},      {{"flow.cam1"}, "flow.cam1", true},
-        {{"flow.cam1"}, "flow.cam2", false}, {{"flow.a", "flow.b"}, "flow.b", true}, {{}, "", true},
+        {{"flow.*"}, "flow.cam1", true},
+        {{"flow.*"}, "flow.", true},
+        {{"flow.cam1"}, "flow.cam1", true},
+        {{"flow.cam1"}, "flow.cam2", false},
+        {{"flow.a", "flow.b"}, "flow.b", true},
+        {{}, "", true},
         {{}, "flow.x", false},
     };
-    for (const auto& c : cases) EXPECT_EQ(qxbus::partitionsMatch(c.reader, c.writer), c.match) << c.writer;
+    for (const auto &c : cases)
+        EXPECT_EQ(qxbus::partitionsMatch(c.reader, c.writer), c.match) << c.writer;
     EXPECT_EQ(qxbus::flowOf("flow.cam1"), "cam1");
     EXPECT_EQ(qxbus::flowOf("flow.*"), "*");
     EXPECT_EQ(qxbus::flowOf("other"), "other");
@@ -77,7 +83,7 @@ TEST(TagGroupCatalogue, SkipsABrokenFileAndReportsIt) {
 
 TEST(TagGroupCatalogue, AmbiguousWithoutADefaultTopicIsAnError) {
     qxbus::TagGroupCatalogue catalogue;
-    for (const char* topic : {"t.one", "t.two"}) {
+    for (const char *topic : {"t.one", "t.two"}) {
         qxbus::TagGroupEntry entry;
         entry.definition.nameSpace = "ns";
         entry.definition.name = "Same";
@@ -87,7 +93,7 @@ TEST(TagGroupCatalogue, AmbiguousWithoutADefaultTopicIsAnError) {
     try {
         catalogue.resolve("Same");
         FAIL() << "resolved an ambiguous name";
-    } catch (const qxbus::UsageError& e) {
+    } catch (const qxbus::UsageError &e) {
         EXPECT_NE(std::string(e.what()).find("t.one t.two"), std::string::npos) << e.what();
     }
 }

@@ -36,7 +36,7 @@ bool pluginBuilt() { return fs::exists(fs::path(qxtest::pluginBuildDir()) / kPlu
 
 // gst-inspect-1.0 with only `pluginDir` to search and a private registry; no
 // LD_LIBRARY_PATH, so the plug-in's own run path must find the libraries.
-qxbus_test::RunResult inspect(const std::string& pluginDir, const std::string& scratch, const std::string& what) {
+qxbus_test::RunResult inspect(const std::string &pluginDir, const std::string &scratch, const std::string &what) {
     return qxbus_test::run({qxbus_test::findProgram("gst-inspect-1.0"), what}, scratch,
                            {{"GST_PLUGIN_PATH", pluginDir},
                             {"GST_PLUGIN_SYSTEM_PATH_1_0", pluginDir},
@@ -45,11 +45,11 @@ qxbus_test::RunResult inspect(const std::string& pluginDir, const std::string& s
                             {"GST_REGISTRY_FORK", "no"}});
 }
 
-std::string under(const std::string& tree, const std::string& absolute) { return tree + absolute; }
+std::string under(const std::string &tree, const std::string &absolute) { return tree + absolute; }
 
-void expectLayout(const std::string& tree, const std::string& prefix) {
+void expectLayout(const std::string &tree, const std::string &prefix) {
     const std::string libdir = under(tree, prefix + "/" + QX_INSTALL_LIBDIR);
-    for (const std::string& file :
+    for (const std::string &file :
          {under(tree, std::string(QX_GST_PLUGIN_INSTALL_DIR) + "/" + kPluginFile), libdir + "/libmarletapi.so.2",
           libdir + "/libgstqxmeta.so.2", libdir + "/pkgconfig/marletapi.pc", libdir + "/pkgconfig/gstqxmeta.pc",
           under(tree, prefix + "/" + QX_INSTALL_INCLUDEDIR + "/marlet/marlet.h"),
@@ -75,8 +75,8 @@ TEST(Install, StagedTreeHoldsEverythingAndThePluginLoads) {
     EXPECT_NE(found.out.find("qxedgesrc"), std::string::npos) << found.out;
 
     // The tool finds the bus library relative to itself.
-    const auto help = qxbus_test::run({under(stage, std::string("/usr/") + QX_INSTALL_BINDIR + "/qxbus"), "--help"},
-                                      scratch.path);
+    const auto help =
+        qxbus_test::run({under(stage, std::string("/usr/") + QX_INSTALL_BINDIR + "/qxbus"), "--help"}, scratch.path);
     EXPECT_EQ(help.status, 0) << help.err;
 }
 
@@ -90,7 +90,7 @@ TEST(Package, DebHoldsEverythingAndThePluginLoadsFromIt) {
         scratch.path, {}, 600s);
     ASSERT_EQ(packed.status, 0) << packed.out << packed.err;
     std::string deb;
-    for (const auto& entry : fs::directory_iterator(scratch.path))
+    for (const auto &entry : fs::directory_iterator(scratch.path))
         if (entry.path().extension() == ".deb") deb = entry.path().string();
     ASSERT_FALSE(deb.empty()) << packed.out;
 
@@ -100,11 +100,11 @@ TEST(Package, DebHoldsEverythingAndThePluginLoadsFromIt) {
 
     const auto listing = qxbus_test::run({dpkgDeb, "-c", deb}, scratch.path);
     ASSERT_EQ(listing.status, 0) << listing.err;
-    for (const std::string& path :
-         {std::string(".") + QX_GST_PLUGIN_INSTALL_DIR + "/" + kPluginFile,
-          std::string("./usr/") + QX_INSTALL_LIBDIR + "/libmarletapi.so", std::string("./usr/") + QX_INSTALL_LIBDIR +
-          "/libgstqxmeta.so", std::string("./usr/") + QX_INSTALL_BINDIR + "/qxbus",
-          std::string(".") + QX_CONFIG_ROOT_INSTALL_DIR + "/config/Marlet.xml"})
+    for (const std::string &path : {std::string(".") + QX_GST_PLUGIN_INSTALL_DIR + "/" + kPluginFile,
+                                    std::string("./usr/") + QX_INSTALL_LIBDIR + "/libmarletapi.so",
+                                    std::string("./usr/") + QX_INSTALL_LIBDIR + "/libgstqxmeta.so",
+                                    std::string("./usr/") + QX_INSTALL_BINDIR + "/qxbus",
+                                    std::string(".") + QX_CONFIG_ROOT_INSTALL_DIR + "/config/Marlet.xml"})
         EXPECT_NE(listing.out.find(path), std::string::npos) << path << " not in\n" << listing.out;
 
     const std::string tree = scratch.path + "/tree";

@@ -13,20 +13,24 @@ namespace {
 
 namespace iot = com::quorixtech::iot;
 using com::quorixtech::marlet::FieldDefinition;
-using iot::IotKind;
 using iot::IOT_NVP;
 using iot::IOT_VALUE;
+using iot::IotKind;
 
 template <typename Set, typename T> IOT_VALUE make(Set set, T v) {
     IOT_VALUE value;
     (value.*set)(std::move(v));
     return value;
 }
-IOT_VALUE i32(std::int32_t v) { return make(static_cast<void (IOT_VALUE::*)(std::int32_t)>(&IOT_VALUE::iotv_int32), v); }
+IOT_VALUE i32(std::int32_t v) {
+    return make(static_cast<void (IOT_VALUE::*)(std::int32_t)>(&IOT_VALUE::iotv_int32), v);
+}
 IOT_VALUE u32(std::uint32_t v) {
     return make(static_cast<void (IOT_VALUE::*)(std::uint32_t)>(&IOT_VALUE::iotv_uint32), v);
 }
-IOT_VALUE i64(std::int64_t v) { return make(static_cast<void (IOT_VALUE::*)(std::int64_t)>(&IOT_VALUE::iotv_int64), v); }
+IOT_VALUE i64(std::int64_t v) {
+    return make(static_cast<void (IOT_VALUE::*)(std::int64_t)>(&IOT_VALUE::iotv_int64), v);
+}
 IOT_VALUE f32(float v) { return make(static_cast<void (IOT_VALUE::*)(float)>(&IOT_VALUE::iotv_float32), v); }
 IOT_VALUE str(std::string v) {
     return make(static_cast<void (IOT_VALUE::*)(std::string)>(&IOT_VALUE::iotv_string), std::move(v));
@@ -45,10 +49,12 @@ const std::vector<FieldDefinition> kDetectionFields = {{"engine_id", IotKind::io
                                                        {"data", IotKind::iotv_nvp_seq}};
 
 struct ParseCase {
-    const char* label;
-    const char* json;
+    const char *label;
+    const char *json;
     qxbus::Pairs expected;
 };
+
+void PrintTo(const ParseCase &c, std::ostream *os) { *os << c.label; }
 
 class JsonToPairs : public ::testing::TestWithParam<ParseCase> {};
 
@@ -73,15 +79,17 @@ const ParseCase kParseCases[] = {
      R"({"data": [{"obj_id": 1, "x1": 0.5, "obj_label": "car"}, {"id": {"uint32": 9}}]})",
      {{"data", seq({IOT_NVP("", seq({{"obj_id", i32(1)}, {"x1", f32(0.5f)}, {"obj_label", str("car")}})),
                     IOT_NVP("", seq({{"id", u32(9)}}))})}}},
-    {"InferredWideInteger", R"({"data": {"big": 3000000000, "small": -2147483648}})",
+    {"InferredWideInteger",
+     R"({"data": {"big": 3000000000, "small": -2147483648}})",
      {{"data", seq({{"big", i64(3000000000LL)}, {"small", i32(std::numeric_limits<std::int32_t>::min())}})}}},
     {"EmptyList", R"({"data": []})", {{"data", seq({})}}},
-    {"KeepsWrittenOrder", R"({"framerate": 1.5, "engine_id": "x"})",
+    {"KeepsWrittenOrder",
+     R"({"framerate": 1.5, "engine_id": "x"})",
      {{"framerate", f32(1.5f)}, {"engine_id", str("x")}}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Qxbus, JsonToPairs, ::testing::ValuesIn(kParseCases),
-                         [](const auto& info) { return std::string(info.param.label); });
+                         [](const auto &info) { return std::string(info.param.label); });
 
 TEST(JsonToPairs, WithoutFieldDefinitionsEveryNameIsAccepted) {
     const auto pairs = qxbus::pairsFromJson(R"({"anything": 1})", {});
@@ -90,14 +98,16 @@ TEST(JsonToPairs, WithoutFieldDefinitionsEveryNameIsAccepted) {
 
 TEST(PairsToJson, UnnamedEntriesBecomeArraysAndBytesAreSummarised) {
     iot::ByteSeq frame(20);
-    for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<std::uint8_t>(i);
+    for (std::size_t i = 0; i < frame.size(); ++i)
+        frame[i] = static_cast<std::uint8_t>(i);
     const qxbus::Pairs pairs = {{"frame_id", u32(4294967295u)},
                                 {"data", bytes(frame)},
                                 {"boxes", seq({IOT_NVP("", seq({{"x1", f32(0.25f)}})), IOT_NVP("", seq({}))})},
                                 {"meta", str("m")}};
     const auto json = qxbus::pairsToJson(pairs);
-    EXPECT_EQ(json.dump(), R"({"frame_id":4294967295,"data":{"bytes":20,"head":"00 01 02 03 04 05 06 07 08 09 0a 0b 0c )"
-                           R"(0d 0e 0f ..."},"boxes":[{"x1":0.25},[]],"meta":"m"})");
+    EXPECT_EQ(json.dump(),
+              R"({"frame_id":4294967295,"data":{"bytes":20,"head":"00 01 02 03 04 05 06 07 08 09 0a 0b 0c )"
+              R"(0d 0e 0f ..."},"boxes":[{"x1":0.25},[]],"meta":"m"})");
 }
 
 TEST(FormatPairs, IndentsNestingLabelsEntriesAndEscapesText) {
@@ -115,11 +125,11 @@ TEST(FormatPairs, IndentsNestingLabelsEntriesAndEscapesText) {
 }
 
 TEST(RecordBytes, CountsNamesTextsBytesAndNumberWidthsAtEveryLevel) {
-    const qxbus::Pairs pairs = {{"ab", str("xyz")},                                     // 2 + 3
-                                {"n", u32(1)},                                          // 1 + 4
-                                {"t", i64(1)},                                          // 1 + 8
-                                {"d", bytes(iot::ByteSeq(100))},                        // 1 + 100
-                                {"l", seq({IOT_NVP("", seq({{"f", f32(1.0f)}}))})}};    // 1 + 0 + 1 + 4
+    const qxbus::Pairs pairs = {{"ab", str("xyz")},                                  // 2 + 3
+                                {"n", u32(1)},                                       // 1 + 4
+                                {"t", i64(1)},                                       // 1 + 8
+                                {"d", bytes(iot::ByteSeq(100))},                     // 1 + 100
+                                {"l", seq({IOT_NVP("", seq({{"f", f32(1.0f)}}))})}}; // 1 + 0 + 1 + 4
     EXPECT_EQ(qxbus::recordBytes(pairs), 5u + 5u + 9u + 101u + 6u);
 }
 

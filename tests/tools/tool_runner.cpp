@@ -8,8 +8,8 @@
 
 namespace qxbus_test {
 
-std::string findProgram(const std::string& name) {
-    const char* path = std::getenv("PATH");
+std::string findProgram(const std::string &name) {
+    const char *path = std::getenv("PATH");
     std::istringstream dirs(path ? path : "/usr/bin:/bin");
     std::string dir;
     while (std::getline(dirs, dir, ':')) {
@@ -20,7 +20,7 @@ std::string findProgram(const std::string& name) {
     return "";
 }
 
-RunResult run(const std::vector<std::string>& argv, const std::string& cwd, const Env& env,
+RunResult run(const std::vector<std::string> &argv, const std::string &cwd, const Env &env,
               std::chrono::seconds timeout) {
     qxtest::ChildProcess child(argv, cwd, env);
     RunResult result;
@@ -30,17 +30,17 @@ RunResult run(const std::vector<std::string>& argv, const std::string& cwd, cons
     return result;
 }
 
-std::vector<std::string> qxbusArgv(const std::vector<std::string>& args) {
+std::vector<std::string> qxbusArgv(const std::vector<std::string> &args) {
     std::vector<std::string> argv = {QXBUS_PROGRAM};
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
 }
 
-RunResult runQxbus(const std::vector<std::string>& args, const std::string& cwd, const Env& env) {
+RunResult runQxbus(const std::vector<std::string> &args, const std::string &cwd, const Env &env) {
     return run(qxbusArgv(args), cwd, env);
 }
 
-std::vector<std::string> lines(const std::string& text) {
+std::vector<std::string> lines(const std::string &text) {
     std::vector<std::string> out;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);)

@@ -36,14 +36,14 @@ std::string utcText(std::int64_t nanoseconds) {
     return text;
 }
 
-void printText(const TagGroupEntry& group, const marlet::DataSample<Pairs>& sample) {
+void printText(const TagGroupEntry &group, const marlet::DataSample<Pairs> &sample) {
     std::cout << "--- " << group.definition.qualifiedName() << "  topic " << group.definition.topic << "  seq "
               << sample.getSequence() << "  from " << sample.getSourceId() << "  flow \"" << sample.getFlowId()
               << "\"  at " << utcText(sample.getSourceTime()) << '\n'
               << formatPairs(sample.getData(), 1);
 }
 
-void printJson(const TagGroupEntry& group, const marlet::DataSample<Pairs>& sample) {
+void printJson(const TagGroupEntry &group, const marlet::DataSample<Pairs> &sample) {
     nlohmann::ordered_json line = {{"tagGroup", group.definition.qualifiedName()},
                                    {"topic", group.definition.topic},
                                    {"source", sample.getSourceId()},
@@ -56,10 +56,10 @@ void printJson(const TagGroupEntry& group, const marlet::DataSample<Pairs>& samp
 
 } // namespace
 
-int runEcho(const Options& options) {
+int runEcho(const Options &options) {
     const std::string root = findConfigRoot(options.root);
     const TagGroupCatalogue catalogue = loadCatalogue(root);
-    const TagGroupEntry& group = catalogue.resolve(options.tagGroup);
+    const TagGroupEntry &group = catalogue.resolve(options.tagGroup);
 
     ToolBus bus(root);
     marlet::Thing thing = bus.makeThing(group, PortDirection::input, "");
@@ -68,26 +68,26 @@ int runEcho(const Options& options) {
     selector.batch(kReadBatch);
 
     const auto start = Clock::now();
-    const auto deadline =
-        options.timeoutSeconds
-            ? start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options.timeoutSeconds))
-            : Clock::time_point::max();
+    const auto deadline = options.timeoutSeconds ? start + std::chrono::duration_cast<Clock::duration>(
+                                                               std::chrono::duration<double>(*options.timeoutSeconds))
+                                                 : Clock::time_point::max();
     std::uint64_t received = 0;
     std::uint64_t bad = 0;
     while (!stopRequested() && (!options.count || received < *options.count)) {
         const auto now = Clock::now();
         if (now >= deadline) break;
-        const long left = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count());
+        const long left =
+            static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count());
         std::vector<marlet::DataSample<Pairs>> samples;
         try {
             samples = selector.read<Pairs>(std::max(1L, std::min(kReadSliceMs, left)));
-        } catch (const marlet::DecodeError& e) {
+        } catch (const marlet::DecodeError &e) {
             // A malformed sample costs only itself: report it and keep reading.
             ++bad;
             std::cerr << "qxbus: skipped a sample that does not decode: " << e.what() << '\n';
             continue;
         }
-        for (const auto& sample : samples) {
+        for (const auto &sample : samples) {
             if (options.count && received >= *options.count) break;
             options.jsonOutput ? printJson(group, sample) : printText(group, sample);
             ++received;

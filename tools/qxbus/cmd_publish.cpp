@@ -16,10 +16,10 @@ namespace qxbus {
 
 namespace marlet = com::quorixtech::marlet;
 
-int runPublish(const Options& options) {
+int runPublish(const Options &options) {
     const std::string root = findConfigRoot(options.root);
     const TagGroupCatalogue catalogue = loadCatalogue(root);
-    const TagGroupEntry& group = catalogue.resolve(options.tagGroup);
+    const TagGroupEntry &group = catalogue.resolve(options.tagGroup);
     // Checked before joining the bus, so a typo costs no discovery time.
     const Pairs record = pairsFromJson(options.json, group.definition.fields);
     const std::string flow = options.flow ? *options.flow : defaultFlow(root, group);
@@ -31,17 +31,16 @@ int runPublish(const Options& options) {
         Discovery discovery(bus.domainId());
         const std::string partition = "flow." + flow;
         const std::string ddsTopic = ddsTopicName(group.definition.topic);
-        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::duration<double>(options.waitSeconds));
-        const auto seen = discovery.waitUntil(wait, [&](const std::vector<Endpoint>& endpoints) {
+        const auto wait =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.waitSeconds));
+        const auto seen = discovery.waitUntil(wait, [&](const std::vector<Endpoint> &endpoints) {
             if (stopRequested()) return true;
-            for (const auto& e : endpoints)
-                if (!e.writer && e.topic == ddsTopic && partitionsMatch(e.partitions, partition))
-                    return true;
+            for (const auto &e : endpoints)
+                if (!e.writer && e.topic == ddsTopic && partitionsMatch(e.partitions, partition)) return true;
             return false;
         });
         bool found = false;
-        for (const auto& e : seen)
+        for (const auto &e : seen)
             found = found || (!e.writer && e.topic == ddsTopic && partitionsMatch(e.partitions, partition));
         if (!found)
             std::cerr << "qxbus: no subscriber of " << group.definition.topic << " in flow \"" << flow

@@ -26,7 +26,7 @@ constexpr long kReadSliceMs = 100;
 constexpr std::size_t kReadBatch = 64;
 
 struct Counter {
-    const TagGroupEntry* group = nullptr;
+    const TagGroupEntry *group = nullptr;
     marlet::Thing::Selector selector;
     std::atomic<std::uint64_t> samples{0};
     std::atomic<std::uint64_t> bytes{0};
@@ -35,18 +35,18 @@ struct Counter {
 };
 
 // Reads one batch; false when nothing came, or reading this group is no longer possible.
-bool countBatch(Counter& counter, long timeoutMs) {
+bool countBatch(Counter &counter, long timeoutMs) {
     try {
         const auto samples = counter.selector.read<Pairs>(timeoutMs);
-        for (const auto& sample : samples) {
+        for (const auto &sample : samples) {
             counter.samples.fetch_add(1);
             counter.bytes.fetch_add(recordBytes(sample.getData()));
         }
         return !samples.empty();
-    } catch (const marlet::DecodeError&) {
+    } catch (const marlet::DecodeError &) {
         counter.malformed.fetch_add(1);
         return true;
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         std::cerr << "qxbus: stopped reading " << counter.group->definition.topic << ": " << e.what() << '\n';
         counter.failed = true;
         return false;
@@ -54,8 +54,9 @@ bool countBatch(Counter& counter, long timeoutMs) {
 }
 
 // One reader per tag group, so a busy video topic never delays the counting of the others.
-void countSamples(Counter& counter, const std::atomic<bool>& done) {
-    while (!done.load() && !counter.failed) countBatch(counter, kReadSliceMs);
+void countSamples(Counter &counter, const std::atomic<bool> &done) {
+    while (!done.load() && !counter.failed)
+        countBatch(counter, kReadSliceMs);
     // What had arrived when the window closed belongs to the window.
     while (!counter.failed && countBatch(counter, 0)) {
     }
@@ -63,14 +64,14 @@ void countSamples(Counter& counter, const std::atomic<bool>& done) {
 
 } // namespace
 
-int runStats(const Options& options) {
+int runStats(const Options &options) {
     const std::string root = findConfigRoot(options.root);
     const TagGroupCatalogue catalogue = loadCatalogue(root);
     if (catalogue.entries().empty()) throw RuntimeFailure("no tag groups defined under " + root);
 
     ToolBus bus(root);
     std::vector<std::unique_ptr<Counter>> counters;
-    for (const auto& entry : catalogue.entries()) {
+    for (const auto &entry : catalogue.entries()) {
         auto counter = std::make_unique<Counter>();
         counter->group = &entry;
         counter->selector = bus.makeThing(entry, PortDirection::input, "").select(portName(entry));
@@ -80,17 +81,20 @@ int runStats(const Options& options) {
 
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
-    for (auto& counter : counters) readers.emplace_back(countSamples, std::ref(*counter), std::cref(done));
+    for (auto &counter : counters)
+        readers.emplace_back(countSamples, std::ref(*counter), std::cref(done));
     const auto start = Clock::now();
     const auto window = std::chrono::duration<double>(options.durationSeconds);
-    while (!stopRequested() && Clock::now() - start < window) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    while (!stopRequested() && Clock::now() - start < window)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     done = true;
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    for (auto& reader : readers) reader.join();
+    for (auto &reader : readers)
+        reader.join();
 
     std::uint64_t total = 0;
     std::printf("%-36s %-34s %10s %12s %14s\n", "TAG GROUP", "TOPIC", "SAMPLES", "SAMPLES/S", "BYTES/S");
-    for (const auto& counter : counters) {
+    for (const auto &counter : counters) {
         const auto samples = counter->samples.load();
         total += samples;
         std::printf("%-36s %-34s %10llu %12.2f %14.0f%s\n", counter->group->definition.qualifiedName().c_str(),

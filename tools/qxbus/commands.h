@@ -7,10 +7,10 @@
 
 namespace qxbus {
 
-int runList(const Options& options);
-int runEcho(const Options& options);
-int runStats(const Options& options);
-int runPublish(const Options& options);
+int runList(const Options &options);
+int runEcho(const Options &options);
+int runStats(const Options &options);
+int runPublish(const Options &options);
 
 } // namespace qxbus
 
@@ -21,6 +21,6 @@ int runPublish(const Options& options);
 namespace qxbus {
 
 // Loads the root's tag groups, telling stderr about files that did not load.
-TagGroupCatalogue loadCatalogue(const std::string& root);
+TagGroupCatalogue loadCatalogue(const std::string &root);
 
 } // namespace qxbus

@@ -7,8 +7,8 @@
 
 namespace qxbus {
 
-inline constexpr const char* kBusConfigFile = "config/Marlet.xml";
-inline constexpr const char* kTagGroupDir = "definitions/TagGroup";
+inline constexpr const char *kBusConfigFile = "config/Marlet.xml";
+inline constexpr const char *kTagGroupDir = "definitions/TagGroup";
 
 // ".", "/opt/quorix/ixo", "/src/common/data_model", "./common/data_model",
 // then $IXO_ROOT when it is set.
@@ -16,10 +16,10 @@ std::vector<std::string> configRootCandidates();
 
 // The explicit root when given (UsageError if it lacks the bus configuration),
 // else the first candidate holding it (RuntimeFailure when none does).
-std::string findConfigRoot(const std::string& explicitRoot);
+std::string findConfigRoot(const std::string &explicitRoot);
 
 // "file://" URI of a file under the root, absolute so that it does not depend
 // on how the library joins relative paths.
-std::string fileUri(const std::string& root, const std::string& relative);
+std::string fileUri(const std::string &root, const std::string &relative);
 
 } // namespace qxbus

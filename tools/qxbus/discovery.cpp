@@ -15,12 +15,12 @@ namespace {
 
 using com::quorixtech::marlet::DdsError;
 
-dds_entity_t checked(dds_entity_t rc, const char* call) {
+dds_entity_t checked(dds_entity_t rc, const char *call) {
     if (rc < 0) throw DdsError(call, rc);
     return rc;
 }
 
-std::string guidText(const dds_guid_t& guid, std::size_t bytes) {
+std::string guidText(const dds_guid_t &guid, std::size_t bytes) {
     std::string out;
     char hex[3];
     for (std::size_t i = 0; i < bytes && i < sizeof guid.v; ++i) {
@@ -36,9 +36,9 @@ constexpr auto kPollInterval = std::chrono::milliseconds(50);
 
 } // namespace
 
-std::string ddsTopicName(const std::string& topic) {
+std::string ddsTopicName(const std::string &topic) {
     std::string name = topic;
-    for (char& c : name) {
+    for (char &c : name) {
         const bool allowed =
             (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '/';
         if (c == '.')
@@ -50,7 +50,7 @@ std::string ddsTopicName(const std::string& topic) {
     return name;
 }
 
-void parseIdentity(const std::string& userData, Endpoint& endpoint) {
+void parseIdentity(const std::string &userData, Endpoint &endpoint) {
     std::size_t start = 0;
     while (start <= userData.size()) {
         const std::size_t end = std::min(userData.find(';', start), userData.size());
@@ -64,15 +64,15 @@ void parseIdentity(const std::string& userData, Endpoint& endpoint) {
     }
 }
 
-std::string flowOf(const std::string& partition) {
+std::string flowOf(const std::string &partition) {
     const std::string prefix = "flow.";
     return partition.compare(0, prefix.size(), prefix) == 0 ? partition.substr(prefix.size()) : partition;
 }
 
-bool partitionsMatch(const std::vector<std::string>& readerPartitions, const std::string& writerPartition) {
+bool partitionsMatch(const std::vector<std::string> &readerPartitions, const std::string &writerPartition) {
     // DDS: no partition at all is the default partition "".
     if (readerPartitions.empty()) return writerPartition.empty();
-    return std::any_of(readerPartitions.begin(), readerPartitions.end(), [&](const std::string& pattern) {
+    return std::any_of(readerPartitions.begin(), readerPartitions.end(), [&](const std::string &pattern) {
         return fnmatch(pattern.c_str(), writerPartition.c_str(), 0) == 0;
     });
 }
@@ -95,14 +95,14 @@ Discovery::~Discovery() { dds_delete(participant_); } // takes its readers with 
 
 void Discovery::drain(int reader, bool writers) {
     for (;;) {
-        void* samples[kTakeBatch] = {nullptr};
+        void *samples[kTakeBatch] = {nullptr};
         dds_sample_info_t infos[kTakeBatch];
         const dds_return_t n = dds_take(reader, samples, infos, kTakeBatch, kTakeBatch);
         if (n < 0) throw DdsError("dds_take(built-in topic)", n);
         for (dds_return_t i = 0; i < n; ++i) {
-            const auto* sample = static_cast<const dds_builtintopic_endpoint_t*>(samples[i]);
+            const auto *sample = static_cast<const dds_builtintopic_endpoint_t *>(samples[i]);
             const std::string key = guidText(sample->key, sizeof sample->key.v);
-            known_.erase(std::remove_if(known_.begin(), known_.end(), [&](const auto& e) { return e.first == key; }),
+            known_.erase(std::remove_if(known_.begin(), known_.end(), [&](const auto &e) { return e.first == key; }),
                          known_.end());
             if (infos[i].instance_state != DDS_IST_ALIVE || !infos[i].valid_data) continue;
 
@@ -113,14 +113,14 @@ void Discovery::drain(int reader, bool writers) {
             endpoint.writer = writers;
             endpoint.topic = sample->topic_name ? sample->topic_name : "";
             endpoint.participant = guidText(sample->participant_key, kGuidPrefixBytes);
-            void* userData = nullptr;
+            void *userData = nullptr;
             size_t size = 0;
             if (sample->qos && dds_qget_userdata(sample->qos, &userData, &size) && userData) {
-                parseIdentity(std::string(static_cast<const char*>(userData), size), endpoint);
+                parseIdentity(std::string(static_cast<const char *>(userData), size), endpoint);
                 dds_free(userData);
             }
             uint32_t count = 0;
-            char** names = nullptr;
+            char **names = nullptr;
             if (sample->qos && dds_qget_partition(sample->qos, &count, &names)) {
                 for (uint32_t p = 0; p < count; ++p) {
                     endpoint.partitions.emplace_back(names[p]);
@@ -140,12 +140,13 @@ std::vector<Endpoint> Discovery::poll() {
     drain(subscriptions_, false);
     std::vector<Endpoint> alive;
     alive.reserve(known_.size());
-    for (const auto& entry : known_) alive.push_back(entry.second);
+    for (const auto &entry : known_)
+        alive.push_back(entry.second);
     return alive;
 }
 
 std::vector<Endpoint> Discovery::waitUntil(std::chrono::milliseconds timeout,
-                                           const std::function<bool(const std::vector<Endpoint>&)>& done) {
+                                           const std::function<bool(const std::vector<Endpoint> &)> &done) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         auto endpoints = poll();

@@ -22,28 +22,28 @@ struct Endpoint {
 // The DDS topic name the bus library uses for a tag-group topic: '.' becomes
 // '/', other characters DDS does not allow become '_', and a leading digit gets
 // a '_' in front. Must stay in step with the library, or discovery finds nothing.
-std::string ddsTopicName(const std::string& topic);
+std::string ddsTopicName(const std::string &topic);
 
 // "thingId=<id>;thingClass=<class>" as the bus library writes it; unknown keys
 // are ignored, missing ones stay empty.
-void parseIdentity(const std::string& userData, Endpoint& endpoint);
+void parseIdentity(const std::string &userData, Endpoint &endpoint);
 
 // The flow a partition stands for: "flow.cam1" -> "cam1", "flow.*" -> "*";
 // a partition outside the bus's scheme is returned as it is.
-std::string flowOf(const std::string& partition);
+std::string flowOf(const std::string &partition);
 
 // True when a reader with these partitions (which may hold wildcards) receives
 // what a writer publishes into `writerPartition`.
-bool partitionsMatch(const std::vector<std::string>& readerPartitions, const std::string& writerPartition);
+bool partitionsMatch(const std::vector<std::string> &readerPartitions, const std::string &writerPartition);
 
 // A participant of its own in the domain the tool's bus participant opened,
 // reading the built-in publication and subscription topics.
 class Discovery {
-public:
+  public:
     explicit Discovery(int domainId);
     ~Discovery();
-    Discovery(const Discovery&) = delete;
-    Discovery& operator=(const Discovery&) = delete;
+    Discovery(const Discovery &) = delete;
+    Discovery &operator=(const Discovery &) = delete;
 
     // Takes whatever discovery learned since the last call and returns every
     // endpoint alive now. DDS's own built-in endpoints are left out; the
@@ -53,9 +53,9 @@ public:
     // Polls until `done` holds for the endpoints seen, or the timeout passes.
     // Returns the endpoints of the last poll.
     std::vector<Endpoint> waitUntil(std::chrono::milliseconds timeout,
-                                    const std::function<bool(const std::vector<Endpoint>&)>& done);
+                                    const std::function<bool(const std::vector<Endpoint> &)> &done);
 
-private:
+  private:
     void drain(int reader, bool writers);
 
     int participant_ = 0;

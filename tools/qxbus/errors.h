@@ -15,13 +15,13 @@ enum ExitCode : int {
 
 // The command line (or the JSON given on it) is wrong; exit code 2.
 class UsageError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // The command was well formed but could not do its job; exit code 1.
 class RuntimeFailure : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 

@@ -12,31 +12,31 @@
 namespace qxbus {
 
 namespace iot = com::quorixtech::iot;
-using iot::IotKind;
 using iot::IOT_NVP;
 using iot::IOT_VALUE;
+using iot::IotKind;
 using Json = nlohmann::ordered_json;
 
 namespace {
 
 // The spellings accepted for an explicit kind: the wire name without its prefix.
 const std::map<std::string, IotKind> kExplicitKinds = {
-    {"int32", IotKind::iotv_int32},   {"uint32", IotKind::iotv_uint32},     {"int64", IotKind::iotv_int64},
+    {"int32", IotKind::iotv_int32},     {"uint32", IotKind::iotv_uint32}, {"int64", IotKind::iotv_int64},
     {"float32", IotKind::iotv_float32}, {"string", IotKind::iotv_string}, {"byte_seq", IotKind::iotv_byte_seq},
     {"nvp_seq", IotKind::iotv_nvp_seq},
 };
 
-std::string describe(const Json& j) {
+std::string describe(const Json &j) {
     std::string text = j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     if (text.size() > 40) text = text.substr(0, 37) + "...";
     return std::string(j.type_name()) + " " + text;
 }
 
-[[noreturn]] void fail(const std::string& path, const std::string& what) {
+[[noreturn]] void fail(const std::string &path, const std::string &what) {
     throw JsonInputError("\"" + path + "\": " + what);
 }
 
-std::optional<IotKind> explicitKind(const Json& j) {
+std::optional<IotKind> explicitKind(const Json &j) {
     if (!j.is_object() || j.size() != 1) return std::nullopt;
     const auto found = kExplicitKinds.find(j.begin().key());
     if (found == kExplicitKinds.end()) return std::nullopt;
@@ -45,7 +45,7 @@ std::optional<IotKind> explicitKind(const Json& j) {
 
 // Whole numbers only: 5.0 is not an integer here, so a float written where an
 // integer is meant is reported rather than silently truncated.
-template <typename T> T integerIn(const Json& j, const std::string& path, const char* kind) {
+template <typename T> T integerIn(const Json &j, const std::string &path, const char *kind) {
     const auto outOfRange = [&] { fail(path, std::string("value ") + j.dump() + " does not fit " + kind); };
     if (j.is_number_unsigned()) {
         const auto v = j.get<std::uint64_t>();
@@ -62,9 +62,9 @@ template <typename T> T integerIn(const Json& j, const std::string& path, const 
     fail(path, std::string("expected a whole number for ") + kind + ", got " + describe(j));
 }
 
-IOT_VALUE valueOf(const Json& j, std::optional<IotKind> hint, const std::string& path);
+IOT_VALUE valueOf(const Json &j, std::optional<IotKind> hint, const std::string &path);
 
-iot::NvpSeq sequenceOf(const Json& j, const std::string& path) {
+iot::NvpSeq sequenceOf(const Json &j, const std::string &path) {
     iot::NvpSeq seq;
     if (j.is_object()) {
         for (auto it = j.begin(); it != j.end(); ++it)
@@ -79,7 +79,7 @@ iot::NvpSeq sequenceOf(const Json& j, const std::string& path) {
     return seq;
 }
 
-IOT_VALUE convert(const Json& j, IotKind kind, const std::string& path) {
+IOT_VALUE convert(const Json &j, IotKind kind, const std::string &path) {
     IOT_VALUE v;
     switch (kind) {
     case IotKind::iotv_int32:
@@ -121,7 +121,7 @@ IOT_VALUE convert(const Json& j, IotKind kind, const std::string& path) {
     return v;
 }
 
-IOT_VALUE inferred(const Json& j, const std::string& path) {
+IOT_VALUE inferred(const Json &j, const std::string &path) {
     IOT_VALUE v;
     if (j.is_string()) {
         v.iotv_string(j.get<std::string>());
@@ -141,13 +141,13 @@ IOT_VALUE inferred(const Json& j, const std::string& path) {
     return v;
 }
 
-IOT_VALUE valueOf(const Json& j, std::optional<IotKind> hint, const std::string& path) {
+IOT_VALUE valueOf(const Json &j, std::optional<IotKind> hint, const std::string &path) {
     if (const auto kind = explicitKind(j)) return convert(j.begin().value(), *kind, path);
     if (hint) return convert(j, *hint, path);
     return inferred(j, path);
 }
 
-Json valueToJson(const IOT_VALUE& value) {
+Json valueToJson(const IOT_VALUE &value) {
     switch (value.kind()) {
     case IotKind::iotv_int32:
         return value.iotv_int32();
@@ -175,18 +175,19 @@ Json valueToJson(const IOT_VALUE& value) {
 
 } // namespace
 
-Pairs pairsFromJson(const std::string& text, const std::vector<com::quorixtech::marlet::FieldDefinition>& fields) {
+Pairs pairsFromJson(const std::string &text, const std::vector<com::quorixtech::marlet::FieldDefinition> &fields) {
     Json record;
     try {
         record = Json::parse(text);
-    } catch (const nlohmann::json::parse_error& e) {
+    } catch (const nlohmann::json::parse_error &e) {
         throw JsonInputError(std::string("the record is not valid JSON: ") + e.what());
     }
     if (!record.is_object()) throw JsonInputError("the record must be a JSON object, got " + describe(record));
 
     Pairs pairs;
     for (auto it = record.begin(); it != record.end(); ++it) {
-        const auto field = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return f.name == it.key(); });
+        const auto field =
+            std::find_if(fields.begin(), fields.end(), [&](const auto &f) { return f.name == it.key(); });
         std::optional<IotKind> hint;
         if (field != fields.end() && field->kind != IotKind::none) hint = field->kind;
         // A typo in a field name would otherwise go out silently and be ignored by every reader.
@@ -198,16 +199,18 @@ Pairs pairsFromJson(const std::string& text, const std::vector<com::quorixtech::
     return pairs;
 }
 
-Json pairsToJson(const Pairs& pairs) {
+Json pairsToJson(const Pairs &pairs) {
     const bool allUnnamed =
-        !pairs.empty() && std::all_of(pairs.begin(), pairs.end(), [](const IOT_NVP& p) { return p.name().empty(); });
+        !pairs.empty() && std::all_of(pairs.begin(), pairs.end(), [](const IOT_NVP &p) { return p.name().empty(); });
     if (pairs.empty() || allUnnamed) {
         Json list = Json::array();
-        for (const auto& pair : pairs) list.push_back(valueToJson(pair.value()));
+        for (const auto &pair : pairs)
+            list.push_back(valueToJson(pair.value()));
         return list;
     }
     Json object = Json::object();
-    for (const auto& pair : pairs) object[pair.name()] = valueToJson(pair.value()); // a repeated name keeps the last
+    for (const auto &pair : pairs)
+        object[pair.name()] = valueToJson(pair.value()); // a repeated name keeps the last
     return object;
 }
 

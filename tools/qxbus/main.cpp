@@ -11,7 +11,7 @@
 #include "options.h"
 #include "stop_signal.h"
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
     using namespace qxbus;
     try {
         const Options options = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
@@ -29,13 +29,13 @@ int main(int argc, char** argv) {
         case Command::publish:
             return runPublish(options);
         }
-    } catch (const UsageError& e) {
+    } catch (const UsageError &e) {
         std::cerr << "qxbus: " << e.what() << "\nTry 'qxbus --help'.\n";
         return kExitUsage;
-    } catch (const JsonInputError& e) {
+    } catch (const JsonInputError &e) {
         std::cerr << "qxbus: bad record: " << e.what() << '\n';
         return kExitUsage;
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         std::cerr << "qxbus: " << e.what() << '\n';
         return kExitFailure;
     }

@@ -27,11 +27,11 @@ const std::map<Command, std::set<std::string>> kAllowed = {
 
 const std::set<std::string> kFlags = {"--json", "--help", "-h"};
 
-std::uint64_t parseCount(const std::string& option, const std::string& text) {
+std::uint64_t parseCount(const std::string &option, const std::string &text) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         throw UsageError(option + " needs a positive whole number, got \"" + text + "\"");
     errno = 0;
-    char* end = nullptr;
+    char *end = nullptr;
     const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
     if (errno == ERANGE || value == 0)
         throw UsageError(option + " needs a positive whole number, got \"" + text + "\"");
@@ -39,8 +39,8 @@ std::uint64_t parseCount(const std::string& option, const std::string& text) {
 }
 
 // Seconds as a decimal number; zero is allowed only where it means "do not wait".
-double parseSeconds(const std::string& option, const std::string& text, bool allowZero) {
-    char* end = nullptr;
+double parseSeconds(const std::string &option, const std::string &text, bool allowZero) {
+    char *end = nullptr;
     errno = 0;
     const double value = std::strtod(text.c_str(), &end);
     const bool wellFormed = !text.empty() && end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
@@ -50,13 +50,13 @@ double parseSeconds(const std::string& option, const std::string& text, bool all
     return value;
 }
 
-const char* commandName(Command command) {
-    for (const auto& [name, value] : kCommands)
+const char *commandName(Command command) {
+    for (const auto &[name, value] : kCommands)
         if (value == command) return name.c_str();
     return "qxbus";
 }
 
-void applyOption(Options& options, const std::string& name, const std::string& value) {
+void applyOption(Options &options, const std::string &name, const std::string &value) {
     if (name == "--root") {
         if (value.empty()) throw UsageError("--root needs a directory");
         options.root = value;
@@ -79,7 +79,7 @@ void applyOption(Options& options, const std::string& name, const std::string& v
 
 } // namespace
 
-Options parseOptions(const std::vector<std::string>& args) {
+Options parseOptions(const std::vector<std::string> &args) {
     Options options;
     std::optional<Command> command;
     std::vector<std::string> positional;
@@ -87,7 +87,7 @@ Options parseOptions(const std::vector<std::string>& args) {
     bool help = false;
 
     for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
+        const std::string &arg = args[i];
         // "--" ends the options, so a JSON text or tag group may start with a dash.
         if (arg == "--") {
             positional.insert(positional.end(), args.begin() + static_cast<long>(i) + 1, args.end());
@@ -107,7 +107,7 @@ Options parseOptions(const std::vector<std::string>& args) {
             }
             const bool known = name == "--root" || kFlags.count(name) ||
                                std::any_of(kAllowed.begin(), kAllowed.end(),
-                                           [&](const auto& entry) { return entry.second.count(name) > 0; });
+                                           [&](const auto &entry) { return entry.second.count(name) > 0; });
             if (!known) throw UsageError("unknown option " + name);
             if (kFlags.count(name)) {
                 if (value) throw UsageError(name + " takes no value");
@@ -134,7 +134,7 @@ Options parseOptions(const std::vector<std::string>& args) {
     if (!command) throw UsageError("no command given");
     options.command = *command;
 
-    for (const auto& [name, value] : given) {
+    for (const auto &[name, value] : given) {
         if (name != "--root" && !kAllowed.at(*command).count(name))
             throw UsageError("option " + name + " does not apply to " + commandName(*command));
         applyOption(options, name, value);
@@ -142,9 +142,9 @@ Options parseOptions(const std::vector<std::string>& args) {
 
     const std::size_t expected = *command == Command::echo ? 1 : *command == Command::publish ? 2 : 0;
     if (positional.size() < expected) {
-        throw UsageError(std::string(commandName(*command)) +
-                         (*command == Command::publish ? " needs a tag group and a JSON record"
-                                                       : " needs a tag group"));
+        throw UsageError(std::string(commandName(*command)) + (*command == Command::publish
+                                                                   ? " needs a tag group and a JSON record"
+                                                                   : " needs a tag group"));
     }
     if (positional.size() > expected) throw UsageError("unexpected argument \"" + positional[expected] + "\"");
     if (expected >= 1) {

@@ -25,7 +25,7 @@ struct Options {
 };
 
 // Parses the arguments after the program name. Throws UsageError.
-Options parseOptions(const std::vector<std::string>& args);
+Options parseOptions(const std::vector<std::string> &args);
 
 std::string usageText();
 

@@ -14,21 +14,21 @@ namespace qxbus {
 enum class PortDirection { input, output };
 
 class ToolBus {
-public:
-    explicit ToolBus(const std::string& root);
+  public:
+    explicit ToolBus(const std::string &root);
     ~ToolBus();
-    ToolBus(const ToolBus&) = delete;
-    ToolBus& operator=(const ToolBus&) = delete;
+    ToolBus(const ToolBus &) = delete;
+    ToolBus &operator=(const ToolBus &) = delete;
 
     // A thing whose only port, named after the tag group, reads or writes it.
     // The group's definition file is registered again just before, because the
     // latest registration of a qualified name decides the topic a thing uses.
-    com::quorixtech::marlet::Thing makeThing(const TagGroupEntry& group, PortDirection direction,
-                                            const std::string& flow);
+    com::quorixtech::marlet::Thing makeThing(const TagGroupEntry &group, PortDirection direction,
+                                             const std::string &flow);
 
     int domainId() const { return bus_.domainId(); }
 
-private:
+  private:
     com::quorixtech::marlet::Marlet bus_;
     std::vector<com::quorixtech::marlet::Thing> things_;
     std::string instance_; // distinguishes this run's thing ids and class names
@@ -36,10 +36,10 @@ private:
 };
 
 // The port name a thing made by ToolBus uses for a tag group.
-std::string portName(const TagGroupEntry& group);
+std::string portName(const TagGroupEntry &group);
 
 // The context id the plug-in's properties file for this tag group carries
 // ("config/<Name without Data>ThingOutProperties.json"), or "" when there is none.
-std::string defaultFlow(const std::string& root, const TagGroupEntry& group);
+std::string defaultFlow(const std::string &root, const TagGroupEntry &group);
 
 } // namespace qxbus

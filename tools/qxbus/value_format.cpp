@@ -12,13 +12,13 @@ using iot::IotKind;
 
 namespace {
 
-std::string quoted(const std::string& text) {
+std::string quoted(const std::string &text) {
     // JSON escaping turns control characters into \uXXXX and bad UTF-8 into U+FFFD.
     return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 // Names are printed bare when they are plain, quoted (and escaped) otherwise.
-std::string quotedIfOdd(const std::string& name) {
+std::string quotedIfOdd(const std::string &name) {
     for (const unsigned char c : name)
         if (c <= ' ' || c >= 0x7f || c == '"' || c == '\\') return quoted(name);
     return name;
@@ -31,7 +31,7 @@ std::string floatText(float value) {
     return std::string(buffer, result.ptr);
 }
 
-const char* shortKind(IotKind kind) {
+const char *shortKind(IotKind kind) {
     switch (kind) {
     case IotKind::iotv_int32:
         return "int32";
@@ -55,7 +55,7 @@ const char* shortKind(IotKind kind) {
 
 } // namespace
 
-std::string hexHead(const iot::ByteSeq& bytes) {
+std::string hexHead(const iot::ByteSeq &bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
     for (std::size_t i = 0; i < bytes.size() && i < kHeadBytes; ++i) {
@@ -67,12 +67,12 @@ std::string hexHead(const iot::ByteSeq& bytes) {
     return out;
 }
 
-std::string formatPairs(const std::vector<iot::IOT_NVP>& pairs, int indent) {
+std::string formatPairs(const std::vector<iot::IOT_NVP> &pairs, int indent) {
     std::ostringstream out;
     const std::string pad(static_cast<std::size_t>(indent) * 2, ' ');
     for (std::size_t i = 0; i < pairs.size(); ++i) {
-        const auto& pair = pairs[i];
-        const auto& value = pair.value();
+        const auto &pair = pairs[i];
+        const auto &value = pair.value();
         const std::string label = pair.name().empty() ? "[" + std::to_string(i) + "]" : quotedIfOdd(pair.name());
         out << pad << label << " (" << shortKind(value.kind()) << ")";
         switch (value.kind()) {
@@ -92,12 +92,12 @@ std::string formatPairs(const std::vector<iot::IOT_NVP>& pairs, int indent) {
             out << " = " << quoted(value.iotv_string()) << '\n';
             break;
         case IotKind::iotv_byte_seq: {
-            const auto& bytes = value.iotv_byte_seq();
+            const auto &bytes = value.iotv_byte_seq();
             out << " = " << bytes.size() << " bytes" << (bytes.empty() ? "" : ": " + hexHead(bytes)) << '\n';
             break;
         }
         case IotKind::iotv_nvp_seq: {
-            const auto& nested = value.iotv_nvp_seq();
+            const auto &nested = value.iotv_nvp_seq();
             out << ", " << nested.size() << (nested.size() == 1 ? " entry" : " entries") << '\n';
             out << formatPairs(nested, indent + 1);
             break;
@@ -116,11 +116,11 @@ std::string secondsText(double seconds) {
     return out.str();
 }
 
-std::size_t recordBytes(const std::vector<iot::IOT_NVP>& pairs) {
+std::size_t recordBytes(const std::vector<iot::IOT_NVP> &pairs) {
     std::size_t total = 0;
-    for (const auto& pair : pairs) {
+    for (const auto &pair : pairs) {
         total += pair.name().size();
-        const auto& value = pair.value();
+        const auto &value = pair.value();
         switch (value.kind()) {
         case IotKind::iotv_int32:
         case IotKind::iotv_uint32:
