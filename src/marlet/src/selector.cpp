@@ -5,6 +5,9 @@
 #include "bus_qos.h"
 #include "marlet/pair_codec.h"
 #include "state.h"
+#include "wire_view.h"
+
+#include <dds/ddsi/ddsi_serdata.h>
 
 namespace com::quorixtech::marlet {
 
@@ -23,8 +26,6 @@ namespace {
 using Sample = DataSample<std::vector<IOT_NVP>>;
 using Clock = std::chrono::steady_clock;
 constexpr long kLongestWaitMs = 365L * 24 * 3600 * 1000;
-
-std::string text(const char *s) { return s ? std::string(s) : std::string(); }
 
 void openReader(detail::SelectorState &s) {
     s.closeReader();
@@ -47,46 +48,57 @@ void openReader(detail::SelectorState &s) {
     s.readerFlow = s.flow;
 }
 
-// Returns the loans of one take however decoding ends.
-class LoanGuard {
+// Drops the references of one take however decoding ends.
+class SerdataGuard {
   public:
-    LoanGuard(dds_entity_t reader, std::vector<void *> &loans, int32_t count)
-        : reader_(reader), loans_(loans), count_(count) {}
-    ~LoanGuard() {
-        if (count_ > 0) (void)dds_return_loan(reader_, loans_.data(), count_);
+    SerdataGuard(std::vector<ddsi_serdata *> &taken, int32_t count) : taken_(taken), count_(count) {}
+    ~SerdataGuard() {
+        for (int32_t i = 0; i < count_; ++i)
+            ddsi_serdata_unref(taken_[i]);
     }
-    LoanGuard(const LoanGuard &) = delete;
-    LoanGuard &operator=(const LoanGuard &) = delete;
+    SerdataGuard(const SerdataGuard &) = delete;
+    SerdataGuard &operator=(const SerdataGuard &) = delete;
 
   private:
-    dds_entity_t reader_;
-    std::vector<void *> &loans_;
+    std::vector<ddsi_serdata *> &taken_;
     int32_t count_;
 };
 
-// Takes up to one batch and queues each sample decoded, or its decode error.
-// Returns the number of samples with data.
+// Takes up to one batch in serialized form and queues each sample decoded
+// straight from those bytes, or its decode error. Returns the number of
+// samples with data.
 std::size_t takeBatch(detail::SelectorState &s) {
     const std::size_t max = s.batch;
-    s.loans.assign(max, nullptr);
+    s.taken.assign(max, nullptr);
     s.infos.resize(max);
     const int32_t n = detail::check(
-        dds_take(s.reader.get(), s.loans.data(), s.infos.data(), max, static_cast<uint32_t>(max)), "dds_take");
-    LoanGuard guard(s.reader.get(), s.loans, n);
+        dds_takecdr(s.reader.get(), s.taken.data(), static_cast<uint32_t>(max), s.infos.data(), DDS_ANY_STATE),
+        "dds_takecdr");
+    SerdataGuard guard(s.taken, n);
     std::size_t queued = 0;
     for (int32_t i = 0; i < n; ++i) {
         // Disposals and unregistrations carry no payload.
         if (!s.infos[i].valid_data) continue;
-        const auto *wire = static_cast<const marlet_wire_BusSample *>(s.loans[i]);
+        ddsi_serdata *serdata = s.taken[i];
+        const std::uint32_t size = ddsi_serdata_size(serdata);
+        ddsrt_iovec_t bytes;
+        ddsi_serdata *held = ddsi_serdata_to_ser_ref(serdata, 0, size, &bytes);
         detail::SelectorState::Pending entry;
         try {
-            auto pairs = codec::decode(wire->payload._buffer, wire->payload._length);
-            entry.sample.emplace(std::move(pairs), text(wire->sourceId), text(wire->flowId), text(wire->tagGroup),
-                                 wire->sequenceNumber, wire->sourceTime);
+            detail::WireView wire =
+                detail::parseWireSample(static_cast<const std::uint8_t *>(bytes.iov_base), bytes.iov_len);
+            try {
+                auto pairs = codec::decode(wire.payload, wire.payloadSize);
+                entry.sample.emplace(std::move(pairs), std::move(wire.sourceId), std::move(wire.flowId),
+                                     std::move(wire.tagGroup), wire.sequenceNumber, wire.sourceTime);
+            } catch (const DecodeError &e) {
+                entry.error = "sample " + std::to_string(wire.sequenceNumber) + " from \"" + wire.sourceId + "\" on " +
+                              s.tagGroup->topic + ": " + e.what();
+            }
         } catch (const DecodeError &e) {
-            entry.error = "sample " + std::to_string(wire->sequenceNumber) + " from \"" + text(wire->sourceId) +
-                          "\" on " + s.tagGroup->topic + ": " + e.what();
+            entry.error = std::string("sample on ") + s.tagGroup->topic + ": " + e.what();
         }
+        ddsi_serdata_to_ser_unref(held, &bytes);
         s.pending.push_back(std::move(entry));
         ++queued;
     }

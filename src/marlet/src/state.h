@@ -17,6 +17,8 @@
 #include "dds_entity.h"
 #include "marlet/marlet.h"
 
+struct ddsi_serdata;
+
 namespace com::quorixtech::marlet::detail {
 
 // A DDS domain created from one configuration text; shared by every
@@ -99,7 +101,7 @@ struct SelectorState {
         std::string error;
     };
     std::deque<Pending> pending;
-    std::vector<void *> loans;
+    std::vector<ddsi_serdata *> taken;
     std::vector<dds_sample_info_t> infos;
 
     void closeReader();
