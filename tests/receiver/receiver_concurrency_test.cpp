@@ -95,18 +95,24 @@ TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
 }
 
 TEST(ReceiverConcurrency, WorkerOutlivingItsSynchronizerEndsWithoutTouchingIt) {
-    // The worker is detached, so it is still asleep when its synchroniser goes.
-    // Any read of the freed object on its way out is reported here.
-    MessageCapture capture;
-    auto sync = std::make_unique<Synchronizer>();
-    sync->Start();
-    sync->pushFrameInfo(makeFrame(1));
-    ASSERT_TRUE(eventually([&] {
-        std::lock_guard<std::mutex> lock(m);
-        return sync->syncPool.synchronizedVec.size() == 1;
-    }));
-    sync.reset();
-    EXPECT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
+    // The worker is detached, so it may not even have started, or still be
+    // asleep, when its synchroniser goes. Any read of the freed object on its
+    // way out is reported here.
+    for (bool waitForFirstPass : {false, true}) {
+        SCOPED_TRACE(waitForFirstPass ? "destroyed after a pass" : "destroyed at once");
+        MessageCapture capture;
+        auto sync = std::make_unique<Synchronizer>();
+        sync->pushFrameInfo(makeFrame(1));
+        sync->Start();
+        if (waitForFirstPass) {
+            ASSERT_TRUE(eventually([&] {
+                std::lock_guard<std::mutex> lock(m);
+                return sync->syncPool.synchronizedVec.size() == 1;
+            }));
+        }
+        sync.reset();
+        EXPECT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
+    }
 }
 
 } // namespace

@@ -96,7 +96,9 @@ Synchronizer::~Synchronizer() {
 
 void Synchronizer::Start() {
     control_->running = true;
-    workers_.emplace_back(&Synchronizer::sync_work, this);
+    // The worker gets its own hold on the control block from here, not from the
+    // object: it may first run after the object is gone.
+    workers_.emplace_back(&Synchronizer::workerLoop, this, control_);
 }
 
 void Synchronizer::Stop() { control_->running = false; }
@@ -130,9 +132,9 @@ void Synchronizer::pushSegmentInfo(const TOLVIXO::SegmentInfo &segmentInfo) {
     syncPool.segmentInfoVec.push_back(segmentInfo);
 }
 
-void Synchronizer::sync_work() {
-    // Held by the worker itself: the flags stay readable after this object is gone.
-    const std::shared_ptr<WorkerControl> control = control_;
+void Synchronizer::sync_work() { workerLoop(control_); }
+
+void Synchronizer::workerLoop(std::shared_ptr<WorkerControl> control) {
     if (!control->running) {
         g_message("break sync while.");
         return;
@@ -141,7 +143,11 @@ void Synchronizer::sync_work() {
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(m);
-            if (!control->ownerAlive) return;
+            if (!control->ownerAlive) {
+                // Stopped by the destructor after the check below had passed.
+                g_message("break sync while.");
+                return;
+            }
             syncPass(cursor);
         }
         // The only time the worker is without m; polling, no condition variable.

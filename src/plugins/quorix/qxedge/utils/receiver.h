@@ -95,6 +95,9 @@ class Synchronizer {
         bool ownerAlive = true; // guarded by m
     };
 
+    // sync_work() itself; control is held by the worker for as long as it runs.
+    void workerLoop(std::shared_ptr<WorkerControl> control);
+
     std::vector<std::thread> workers_;
     const int synchronizedLimit_ = 10;
     std::shared_ptr<WorkerControl> control_;
