@@ -58,6 +58,8 @@ struct BallCase {
     const char *format;
     int width;
     int height;
+    const char *mode;
+    int firstJudged; // motion mode may show ghosts of early frames until its background has five samples
 };
 
 class BallDetection : public ::testing::TestWithParam<BallCase> {};
@@ -66,16 +68,18 @@ TEST_P(BallDetection, BoxesAndMaskCoverTheBall) {
     const BallCase c = GetParam();
     const int frames = 60;
     const int maskWidth = 64;
-    Pipeline pipeline("videotestsrc pattern=ball num-buffers=" + std::to_string(frames) + " ! video/x-raw,format=" +
-                      c.format + ",width=" + std::to_string(c.width) + ",height=" + std::to_string(c.height) +
-                      " ! qxanalyze mask-width=" + std::to_string(maskWidth) + " ! appsink name=out sync=false");
+    Pipeline pipeline("videotestsrc pattern=ball num-buffers=" + std::to_string(frames) +
+                      " ! video/x-raw,format=" + c.format + ",width=" + std::to_string(c.width) +
+                      ",height=" + std::to_string(c.height) + " ! qxanalyze mode=" + c.mode +
+                      " mask-width=" + std::to_string(maskWidth) + " ! appsink name=out sync=false");
     auto samples = pipeline.run({"out"});
     ASSERT_EQ(pipeline.error(), "");
     ASSERT_EQ(samples["out"].size(), static_cast<std::size_t>(frames));
 
     int found = 0;
     int maskDisagreements = 0;
-    for (GstSample *sample : samples["out"]) {
+    for (std::size_t i = c.firstJudged; i < samples["out"].size(); ++i) {
+        GstSample *sample = samples["out"][i];
         const cv::Mat white = lumaOf(sample) > 128;
         const cv::Rect2f truth = cv::boundingRect(white);
         ASSERT_GT(truth.area(), 0) << "the test pattern shows no ball";
@@ -99,18 +103,20 @@ TEST_P(BallDetection, BoxesAndMaskCoverTheBall) {
             }
         }
     }
-    EXPECT_GE(found, frames * 9 / 10);
+    EXPECT_GE(found, (frames - c.firstJudged) * 9 / 10);
     EXPECT_EQ(maskDisagreements, 0);
     releaseSamples(samples);
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, BallDetection,
-                         ::testing::Values(BallCase{"BGR", 320, 240}, BallCase{"RGBx", 320, 240},
-                                           BallCase{"I420", 320, 240}, BallCase{"NV12", 640, 480},
-                                           BallCase{"I420", 1920, 1080}),
-                         [](const auto &info) {
-                             return std::string(info.param.format) + "_" + std::to_string(info.param.width);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Formats, BallDetection,
+    ::testing::Values(BallCase{"BGR", 320, 240, "distinct", 0}, BallCase{"RGBx", 320, 240, "distinct", 0},
+                      BallCase{"I420", 320, 240, "distinct", 0}, BallCase{"NV12", 640, 480, "distinct", 0},
+                      BallCase{"I420", 1920, 1080, "distinct", 0}, BallCase{"BGR", 320, 240, "motion", 33},
+                      BallCase{"NV12", 1920, 1080, "motion", 33}),
+    [](const auto &info) {
+        return std::string(info.param.format) + "_" + std::to_string(info.param.width) + "_" + info.param.mode;
+    });
 
 TEST(AnalyzeMetadata, CarriesDeviceAndFrameFieldsFromProperties) {
     Pipeline pipeline("videotestsrc pattern=ball num-buffers=12 ! video/x-raw,format=BGRx,width=160,height=120 ! "
@@ -169,8 +175,9 @@ TEST(AnalyzeMetadata, FrameIdsCountFromZeroPerStreamAndRestart) {
 struct SceneCase {
     const char *pattern;
     const char *format;
+    const char *mode;
     const char *label;
-    bool uniform; // a flat picture must yield no objects and an all-background mask
+    bool noObjects; // a flat picture, or a still one in motion mode: no objects, an all-background mask
 };
 
 class SceneClassification : public ::testing::TestWithParam<SceneCase> {};
@@ -178,7 +185,7 @@ class SceneClassification : public ::testing::TestWithParam<SceneCase> {};
 TEST_P(SceneClassification, LabelsTheFrame) {
     const SceneCase c = GetParam();
     Pipeline pipeline(std::string("videotestsrc num-buffers=3 pattern=") + c.pattern + " ! video/x-raw,format=" +
-                      c.format + ",width=320,height=240 ! qxanalyze ! appsink name=out sync=false");
+                      c.format + ",width=320,height=240 ! qxanalyze mode=" + c.mode + " ! appsink name=out sync=false");
     auto samples = pipeline.run({"out"});
     ASSERT_EQ(pipeline.error(), "");
     ASSERT_FALSE(samples["out"].empty());
@@ -188,7 +195,7 @@ TEST_P(SceneClassification, LabelsTheFrame) {
         EXPECT_EQ(frame.class_results[0].label, c.label);
         EXPECT_GT(frame.class_results[0].prob, 0.5f);
         EXPECT_LE(frame.class_results[0].prob, 1.0f);
-        if (c.uniform) {
+        if (c.noObjects) {
             EXPECT_TRUE(frame.det_results.empty());
             for (const auto &row : frame.seg_results)
                 for (const auto &cell : row)
@@ -198,13 +205,17 @@ TEST_P(SceneClassification, LabelsTheFrame) {
     releaseSamples(samples);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Patterns, SceneClassification,
-    ::testing::Values(SceneCase{"white", "BGR", "bright", true}, SceneCase{"white", "I420", "bright", true},
-                      SceneCase{"black", "NV12", "dark", true}, SceneCase{"ball", "RGB", "dark", false},
-                      SceneCase{"smpte", "I420", "colourful", false}, SceneCase{"smpte", "NV12", "colourful", false},
-                      SceneCase{"smpte", "RGBx", "colourful", false}),
-    [](const auto &info) { return std::string(info.param.pattern) + "_" + info.param.format; });
+INSTANTIATE_TEST_SUITE_P(Patterns, SceneClassification,
+                         ::testing::Values(SceneCase{"white", "BGR", "distinct", "bright", true},
+                                           SceneCase{"white", "I420", "distinct", "bright", true},
+                                           SceneCase{"black", "NV12", "distinct", "dark", true},
+                                           SceneCase{"ball", "RGB", "distinct", "dark", false},
+                                           SceneCase{"smpte", "I420", "distinct", "colourful", false},
+                                           SceneCase{"smpte75", "NV12", "motion", "colourful", true},
+                                           SceneCase{"smpte", "RGBx", "distinct", "colourful", false}),
+                         [](const auto &info) {
+                             return std::string(info.param.pattern) + "_" + info.param.format + "_" + info.param.mode;
+                         });
 
 TEST(AnalyzePixels, PassUnchangedWithResultsAttached) {
     Pipeline reference("videotestsrc pattern=ball num-buffers=4 ! video/x-raw,format=NV12,width=320,height=240 ! "

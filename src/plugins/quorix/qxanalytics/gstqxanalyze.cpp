@@ -52,7 +52,25 @@ enum {
     PROP_MIN_AREA,
     PROP_MAX_OBJECTS,
     PROP_MIN_CONTRAST,
+    PROP_MODE,
 };
+
+// How foreground pixels are told apart; the values are part of the element's interface.
+enum QxAnalyzeMode {
+    QX_ANALYZE_MODE_DISTINCT = 0,
+    QX_ANALYZE_MODE_MOTION = 1,
+};
+
+GType qx_analyze_mode_get_type() {
+    static GType type = 0;
+    static const GEnumValue values[] = {
+        {QX_ANALYZE_MODE_DISTINCT, "Pixels that stand out from the frame's background level", "distinct"},
+        {QX_ANALYZE_MODE_MOTION, "Pixels that changed against a running average of earlier frames", "motion"},
+        {0, nullptr, nullptr},
+    };
+    if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("QxAnalyzeMode", values));
+    return type;
+}
 
 struct DeviceSettings {
     std::string streamId;
@@ -71,6 +89,7 @@ struct Settings {
     DeviceSettings device;
     qxanalytics::AnalyzerSettings analyzer;
     int analysisWidth = kDefaultAnalysisWidth;
+    QxAnalyzeMode mode = QX_ANALYZE_MODE_DISTINCT;
 };
 
 } // namespace
@@ -86,6 +105,7 @@ struct QxAnalyzePrivate {
     std::string upstreamStreamId;
     int nextFrameId = 0;
     qxanalytics::CentroidTracker tracker;
+    qxanalytics::MotionBackground motion;
 };
 
 struct _QxAnalyze {
@@ -176,6 +196,9 @@ void qx_analyze_set_property(GObject *object, guint propId, const GValue *value,
     case PROP_MIN_CONTRAST:
         settings.analyzer.minContrast = g_value_get_int(value);
         break;
+    case PROP_MODE:
+        settings.mode = static_cast<QxAnalyzeMode>(g_value_get_enum(value));
+        break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec);
         break;
@@ -209,6 +232,9 @@ void qx_analyze_get_property(GObject *object, guint propId, GValue *value, GPara
     case PROP_MIN_CONTRAST:
         g_value_set_int(value, settings.analyzer.minContrast);
         break;
+    case PROP_MODE:
+        g_value_set_enum(value, settings.mode);
+        break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, propId, pspec);
         break;
@@ -218,6 +244,7 @@ void qx_analyze_get_property(GObject *object, guint propId, GValue *value, GPara
 void resetStream(QxAnalyzePrivate *priv) {
     priv->nextFrameId = 0;
     priv->tracker.reset();
+    priv->motion.reset();
 }
 
 gboolean qx_analyze_start(GstBaseTransform *trans) {
@@ -365,8 +392,11 @@ GstFlowReturn qx_analyze_transform_ip(GstBaseTransform *trans, GstBuffer *buffer
             return GST_FLOW_OK;
         }
         const cv::Size frameSize(GST_VIDEO_INFO_WIDTH(&priv->info), GST_VIDEO_INFO_HEIGHT(&priv->info));
+        const cv::Mat foregroundPixels = settings.mode == QX_ANALYZE_MODE_MOTION
+                                             ? priv->motion.changedPixels(planes.luma, settings.analyzer.minContrast)
+                                             : qxanalytics::distinctPixels(planes.luma, settings.analyzer.minContrast);
         const qxanalytics::ForegroundResult foreground =
-            qxanalytics::findForeground(planes.luma, frameSize, settings.analyzer);
+            qxanalytics::describeForeground(foregroundPixels, frameSize, settings.analyzer);
         const qxanalytics::SceneVerdict scene = qxanalytics::classifyScene(planes.luma, planes.cb, planes.cr);
         // The planes may still point into the frame when no scaling was needed.
         planes = {};
@@ -461,15 +491,26 @@ static void qx_analyze_class_init(QxAnalyzeClass *klass) {
                "Largest number of objects reported per frame, the largest first", 1, 256, kDefaultMaxObjects);
     installInt(gobjectClass, PROP_MIN_CONTRAST, "min-contrast", "Minimum contrast",
                "Least luma difference from the background level that counts as an object", 1, 255, kDefaultMinContrast);
+    g_object_class_install_property(
+        gobjectClass, PROP_MODE,
+        g_param_spec_enum(
+            "mode", "Mode",
+            "distinct: objects that stand out from the background level, still or moving; motion: "
+            "objects that move, against the median of frames sampled over the last 72 (it needs about 33 "
+            "frames to learn the scene)",
+            qx_analyze_mode_get_type(), QX_ANALYZE_MODE_DISTINCT,
+            static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
 
     gst_element_class_add_static_pad_template(elementClass, &sinkTemplate);
     gst_element_class_add_static_pad_template(elementClass, &srcTemplate);
     gst_element_class_set_static_metadata(
         elementClass, "Quorix frame analysis", "Filter/Analyzer/Video",
-        "Finds distinct objects in each frame (boxes with ids, probability from contour solidity), classifies the "
+        "Finds objects in each frame, distinct from the background or moving (boxes with ids from nearest-centroid "
+        "tracking, probability from contour solidity), classifies the "
         "frame as \"dark\", \"bright\" or \"colourful\", computes a foreground mask at a reduced resolution "
         "and attaches all of it, with the device information from its properties, as GstQxBatchMeta. "
-        "Pixels pass unchanged; frame ids count from 0 per stream. No model files are needed.\n"
+        "Pixels pass unchanged; frame ids count from 0 per stream; a batch record already on the buffer is replaced. "
+        "No model files are needed.\n"
         "Example: gst-launch-1.0 videotestsrc pattern=ball ! video/x-raw,format=BGR,width=640,height=480 ! "
         "qxanalyze stream-id=cam0 device-id=cam0 mask-width=64 ! qxoverlay ! videoconvert ! autovideosink",
         "Quorix <support@quorixtech.com>");

@@ -41,21 +41,56 @@ cv::Size maskSizeFor(cv::Size frameSize, int maskWidth) {
     return {width, height};
 }
 
-ForegroundResult findForeground(const cv::Mat &luma, cv::Size frameSize, const AnalyzerSettings &settings) {
-    ForegroundResult result;
-    if (luma.empty() || luma.type() != CV_8UC1) return result;
-
+cv::Mat distinctPixels(const cv::Mat &luma, int minContrast) {
     cv::Mat deviation;
     cv::absdiff(luma, cv::Scalar(medianLevel(luma)), deviation);
     cv::Mat foreground;
     const double otsu = cv::threshold(deviation, foreground, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
-    if (otsu < settings.minContrast)
-        cv::threshold(deviation, foreground, settings.minContrast - 1, 255, cv::THRESH_BINARY);
+    if (otsu < minContrast) cv::threshold(deviation, foreground, minContrast - 1, 255, cv::THRESH_BINARY);
+    return foreground;
+}
 
+cv::Mat MotionBackground::changedPixels(const cv::Mat &luma, int minContrast) {
+    if (!history_.empty() && history_.front().size() != luma.size()) reset();
+    if (framesSeen_++ % kSampleEvery == 0) learn(luma);
+    cv::Mat difference, foreground;
+    cv::absdiff(luma, background_, difference);
+    cv::threshold(difference, foreground, minContrast - 1, 255, cv::THRESH_BINARY);
+    return foreground;
+}
+
+void MotionBackground::learn(const cv::Mat &luma) {
+    if (history_.size() == kHistory) history_.erase(history_.begin());
+    history_.push_back(luma.clone());
+    // The per-pixel median of the sampled frames: an object that crosses a pixel in less than
+    // half the window never becomes background, so moving objects leave neither trail nor ghost.
+    background_.create(luma.size(), CV_8UC1);
+    const std::size_t count = history_.size();
+    unsigned char values[kHistory];
+    for (int y = 0; y < luma.rows; ++y) {
+        unsigned char *out = background_.ptr<unsigned char>(y);
+        for (int x = 0; x < luma.cols; ++x) {
+            for (std::size_t i = 0; i < count; ++i)
+                values[i] = history_[i].ptr<unsigned char>(y)[x];
+            std::nth_element(values, values + count / 2, values + count);
+            out[x] = values[count / 2];
+        }
+    }
+}
+
+void MotionBackground::reset() {
+    history_.clear();
+    background_.release();
+    framesSeen_ = 0;
+}
+
+ForegroundResult describeForeground(const cv::Mat &foreground, cv::Size frameSize, const AnalyzerSettings &settings) {
+    ForegroundResult result;
+    if (foreground.empty() || foreground.type() != CV_8UC1) return result;
     std::vector<std::vector<cv::Point>> contours;
     cv::findContours(foreground, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
 
-    const double pictureArea = static_cast<double>(luma.total());
+    const double pictureArea = static_cast<double>(foreground.total());
     const double minArea = std::max(6.0, settings.minAreaFraction * pictureArea);
     std::vector<Candidate> candidates;
     for (auto &contour : contours) {
@@ -70,9 +105,9 @@ ForegroundResult findForeground(const cv::Mat &luma, cv::Size frameSize, const A
     if (static_cast<int>(candidates.size()) > settings.maxObjects)
         candidates.resize(static_cast<std::size_t>(std::max(0, settings.maxObjects)));
 
-    const float scaleX = static_cast<float>(frameSize.width) / static_cast<float>(luma.cols);
-    const float scaleY = static_cast<float>(frameSize.height) / static_cast<float>(luma.rows);
-    cv::Mat kept = cv::Mat::zeros(luma.size(), CV_8UC1);
+    const float scaleX = static_cast<float>(frameSize.width) / static_cast<float>(foreground.cols);
+    const float scaleY = static_cast<float>(frameSize.height) / static_cast<float>(foreground.rows);
+    cv::Mat kept = cv::Mat::zeros(foreground.size(), CV_8UC1);
     std::vector<std::vector<cv::Point>> keptContours;
     for (const auto &candidate : candidates) {
         std::vector<cv::Point> hull;

@@ -1,7 +1,7 @@
 #pragma once
-// Finds distinct objects in a downscaled luma picture without any model file:
-// pixels that stand out from the dominant background level are foreground,
-// their outer contours are the objects.
+// Finds objects in a downscaled luma picture without any model file: foreground pixels
+// (distinct from the background level, or changed against earlier frames) are grouped
+// by their outer contours into objects and a coverage mask.
 
 #include <vector>
 
@@ -35,8 +35,34 @@ struct ForegroundResult {
     cv::Mat coverage;
 };
 
-// luma: CV_8UC1 working picture; frameSize: the full frame it was scaled from.
-ForegroundResult findForeground(const cv::Mat &luma, cv::Size frameSize, const AnalyzerSettings &settings);
+// Pixels (255) that stand out from the picture's dominant level, by Otsu's threshold on the
+// distance from the median level but never by less than minContrast. Finds still objects.
+cv::Mat distinctPixels(const cv::Mat &luma, int minContrast);
+
+// Pixels (255) that differ by at least minContrast from the background: the per-pixel median
+// of frames sampled over a window. Finds moving objects and ignores a still, textured scene.
+// While the window holds few samples, an object that moved less than its size between them is
+// in most of them and shows as a ghost where it was; from five samples (33 frames) on, only an
+// object that stays on a pixel for half the window (36 frames) becomes background.
+class MotionBackground {
+  public:
+    cv::Mat changedPixels(const cv::Mat &luma, int minContrast);
+    void reset();
+
+    static constexpr std::size_t kHistory = 9; // frames in the median
+    static constexpr int kSampleEvery = 8;     // frames between samples: a window of 72 frames
+
+  private:
+    void learn(const cv::Mat &luma);
+
+    std::vector<cv::Mat> history_;
+    cv::Mat background_;
+    long framesSeen_ = 0;
+};
+
+// Objects are the outer contours of the foreground pixels (CV_8UC1, 0/255, working size);
+// frameSize: the full frame the working picture was scaled from.
+ForegroundResult describeForeground(const cv::Mat &foreground, cv::Size frameSize, const AnalyzerSettings &settings);
 
 // Size of the coverage mask for a frame: maskWidth wide (never wider than the frame), height by aspect, >= 1.
 cv::Size maskSizeFor(cv::Size frameSize, int maskWidth);
