@@ -30,6 +30,7 @@ static GstStaticPadTemplate qx_edgesink_sink_template =
 
 static void qx_edgesink_set_property(GObject* object, guint property_id, const GValue* value, GParamSpec* pspec);
 static void qx_edgesink_get_property(GObject* object, guint property_id, GValue* value, GParamSpec* pspec);
+static void qx_edgesink_constructed(GObject* object);
 static void qx_edgesink_finalize(GObject* object);
 static GstStateChangeReturn qx_edgesink_change_state(GstElement* element, GstStateChange transition);
 static gboolean qx_edgesink_setcaps(GstBaseSink* basesink, GstCaps* caps);
@@ -48,6 +49,7 @@ static void qx_edgesink_class_init(QxEdgeSinkClass* klass) {
 
     gobject_class->set_property = qx_edgesink_set_property;
     gobject_class->get_property = qx_edgesink_get_property;
+    gobject_class->constructed = qx_edgesink_constructed;
     gobject_class->finalize = qx_edgesink_finalize;
 
     const auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
@@ -74,9 +76,16 @@ static void qx_edgesink_init(QxEdgeSink* sink) {
     sink->priv = new QxEdgeSinkPrivate();
     sink->priv->opened = false;
     sink->priv->uni = false;
-    // The video sink base would also show the preroll buffer, which is then
-    // rendered again: every frame must reach the bus exactly once.
-    g_object_set(sink, "show-preroll-frame", FALSE, nullptr);
+}
+
+static void qx_edgesink_constructed(GObject* object) {
+    G_OBJECT_CLASS(qx_edgesink_parent_class)->constructed(object);
+    // Every frame must reach the bus exactly once. The video sink base would
+    // show the preroll buffer and render it again, and would drop frames that
+    // come late to the clock; subscribers pair frames with results by id, so
+    // a late frame is still wanted. Set here, not in init: the base classes
+    // apply their construct-time defaults after init.
+    g_object_set(object, "show-preroll-frame", FALSE, "max-lateness", static_cast<gint64>(-1), "qos", FALSE, nullptr);
 }
 
 static void qx_edgesink_finalize(GObject* object) {

@@ -1,0 +1,119 @@
+// Runs one publishing pipeline for the qxedgesink tests, in its own process
+// as users run it. Usage:
+//   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta] [--retag NAMES] [--go FILE]
+// --meta attaches the batch metadata of sink_meta_plan.h to every frame on
+// its way into the sink; --retag sets taggroups after the session is open;
+// --go waits in READY until FILE exists, so a subscriber can join first.
+// Prints "READY" once the session is open. Exit: 0 on EOS, 2 on a pipeline
+// error, 3 when the state change to READY fails.
+
+#include <gst/gst.h>
+#include <gst/video/video.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+#include "../sink_meta_plan.h"
+#include "gstqxmeta.h"
+
+namespace {
+
+GstPadProbeReturn attachPlan(GstPad* pad, GstPadProbeInfo* info, gpointer) {
+    GstBuffer* buffer = gst_pad_probe_info_get_buffer(info);
+    if (buffer == nullptr) return GST_PAD_PROBE_OK;
+    buffer = gst_buffer_make_writable(buffer);
+    GST_PAD_PROBE_INFO_DATA(info) = buffer;
+    int width = 0;
+    int height = 0;
+    if (GstCaps* caps = gst_pad_get_current_caps(pad)) {
+        GstStructure* s = gst_caps_get_structure(caps, 0);
+        gst_structure_get_int(s, "width", &width);
+        gst_structure_get_int(s, "height", &height);
+        gst_caps_unref(caps);
+    }
+    GstQxBatchMeta* batch = gst_buffer_add_qx_batch_meta(buffer);
+    sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
+    return GST_PAD_PROBE_OK;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    gst_init(&argc, &argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: sink_pipeline LAUNCH [--meta] [--retag NAMES] [--go FILE]\n");
+        return 64;
+    }
+    bool meta = false;
+    std::string retag;
+    bool doRetag = false;
+    std::string goFile;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--meta") {
+            meta = true;
+        } else if (arg == "--retag" && i + 1 < argc) {
+            retag = argv[++i];
+            doRetag = true;
+        } else if (arg == "--go" && i + 1 < argc) {
+            goFile = argv[++i];
+        }
+    }
+    GError* error = nullptr;
+    GstElement* pipeline = gst_parse_launch(argv[1], &error);
+    if (pipeline == nullptr || error != nullptr) {
+        std::fprintf(stderr, "launch failed: %s\n", error ? error->message : "?");
+        return 64;
+    }
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+    if (sink == nullptr) {
+        std::fprintf(stderr, "no element named sink\n");
+        return 64;
+    }
+    if (meta) {
+        GstPad* pad = gst_element_get_static_pad(sink, "sink");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, nullptr, nullptr);
+        gst_object_unref(pad);
+    }
+    if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
+        std::printf("OPEN FAILED\n");
+        std::fflush(stdout);
+        return 3;
+    }
+    if (doRetag) {
+        g_object_set(sink, "taggroups", retag.c_str(), nullptr);
+    }
+    std::printf("READY\n");
+    std::fflush(stdout);
+    if (!goFile.empty()) {
+        for (int i = 0; i < 6000 && access(goFile.c_str(), F_OK) != 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstBus* bus = gst_element_get_bus(pipeline);
+    GstMessage* message = gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND,
+                                                     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    int status = 2;
+    if (message != nullptr && GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
+        status = 0;
+    } else if (message != nullptr) {
+        GError* failure = nullptr;
+        gchar* details = nullptr;
+        gst_message_parse_error(message, &failure, &details);
+        std::fprintf(stderr, "pipeline error: %s (%s)\n", failure ? failure->message : "?", details ? details : "");
+        g_clear_error(&failure);
+        g_free(details);
+    }
+    if (message != nullptr) gst_message_unref(message);
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(sink);
+    gst_object_unref(pipeline);
+    std::printf("DONE %d\n", status);
+    std::fflush(stdout);
+    return status;
+}

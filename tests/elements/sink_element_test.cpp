@@ -1,0 +1,192 @@
+// qxedgesink as an element: what gst-inspect shows, its properties, the
+// taggroups parser and help text, and how it fails on bad input.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "sink_support.h"
+#include "taggroups.h"
+
+namespace {
+
+using namespace sinktest;
+
+TEST(SinkTagGroups, SplitKeepsLeadingEmptyNamesAndDropsTrailingOnes) {
+    struct Case {
+        const char* text;
+        std::vector<std::string> names;
+    };
+    const std::vector<Case> cases = {
+        {"a+b", {"a", "b"}}, {"+a", {"", "a"}}, {"a+", {"a"}},  {"a++b", {"a", "b"}},
+        {"", {""}},          {"a", {"a"}},      {"++", {""}},   {"VideoFrameData+ClassificationData", {"VideoFrameData", "ClassificationData"}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(split(c.text), c.names) << "\"" << c.text << "\"";
+    }
+}
+
+TEST(SinkTagGroups, UsageTextEndsWithTheRoleAdvice) {
+    const std::string common = "Provide the tag groups name you want to use. Example: taggroups=VideoFrameData.\n"
+                               "\t\t\tIf there are more than one tage group used, please use the delimiter '+' to "
+                               "separate them. Just like: taggroups=VideoFrameData+ClassificationData.";
+    const std::string lastGroup =
+        "\n\t\t\t=> DeviceInfoData:\t\t For publishing camera device information to edge marlet.";
+    struct Case {
+        const char* role;
+        std::string ending;
+    };
+    const std::vector<Case> cases = {
+        {"sink", lastGroup + "\n\t\t\tqxedgesink should set taggroups=VideoFrameData for publishing frame data, "
+                             "otherwise qxedgesrc will not pass any frame data to downstream."},
+        {"src", lastGroup + "\n\t\t\tVideoFrameData is the required tag group for synchronization."},
+        {"other", lastGroup},
+    };
+    for (const Case& c : cases) {
+        const std::string text = tag_group_usage_manual(c.role);
+        EXPECT_EQ(text.rfind(common, 0), 0u) << c.role;
+        ASSERT_GE(text.size(), c.ending.size());
+        EXPECT_EQ(text.substr(text.size() - c.ending.size()), c.ending) << c.role;
+        EXPECT_NE(text.find("\n\t\t\t=> SegmentationData:\t\t For publishing segmentation inference result to edge "
+                            "marlet.\n\t\t\t=> ClassificationData:"),
+                  std::string::npos);
+    }
+    // The blurb pointer must stay valid and stable: GObject keeps it.
+    EXPECT_EQ(tag_group_usage_manual("sink"), tag_group_usage_manual("sink"));
+}
+
+TEST(SinkElement, PropertiesReadBackAsTheyWereSet) {
+    initGst();
+    struct Case {
+        std::vector<const char*> writes;
+        const char* expected;
+    };
+    const std::vector<Case> cases = {
+        {{"VideoFrameData+ClassificationData"}, "VideoFrameData+ClassificationData"},
+        {{"uni", "uni"}, "uni+uni"},
+        {{"uni", "VideoFrameData"}, "VideoFrameData"},
+        {{"+DeviceInfoData"}, "+DeviceInfoData"},
+        {{"DeviceInfoData+"}, "DeviceInfoData"},
+        {{"a++b"}, "a+b"},
+        {{}, ""},
+    };
+    for (const Case& c : cases) {
+        GstElement* sink = gst_element_factory_make("qxedgesink", nullptr);
+        ASSERT_NE(sink, nullptr);
+        for (const char* value : c.writes) {
+            g_object_set(sink, "taggroups", value, nullptr);
+        }
+        gchar* read = nullptr;
+        g_object_get(sink, "taggroups", &read, nullptr);
+        EXPECT_STREQ(read, c.expected);
+        g_free(read);
+        gst_object_unref(sink);
+    }
+    GstElement* sink = gst_element_factory_make("qxedgesink", nullptr);
+    gchar* context = nullptr;
+    g_object_get(sink, "context-id", &context, nullptr);
+    EXPECT_STREQ(context, "");
+    g_free(context);
+    g_object_set(sink, "context-id", "flow-7", nullptr);
+    g_object_get(sink, "context-id", &context, nullptr);
+    EXPECT_STREQ(context, "flow-7");
+    g_free(context);
+    gst_object_unref(sink);
+}
+
+TEST(SinkElement, InspectShowsMetadataPropertiesAndCaps) {
+    qxtest::ConfigRoot root;
+    gchar* program = g_find_program_in_path("gst-inspect-1.0");
+    ASSERT_NE(program, nullptr) << "gst-inspect-1.0 is not installed";
+    qxtest::ChildProcess inspect({program, "qxedgesink"}, root.path(), childEnv(root));
+    g_free(program);
+    ASSERT_EQ(inspect.wait(60s), 0) << inspect.err();
+    const std::string text = inspect.out();
+    const std::vector<std::string> expected = {
+        "  Long-name                QUORIX Kelpkit sink\n",
+        "  Klass                    Sink/Video\n",
+        "  Description              An QUORIX Kelpkit video sink\n",
+        "  Name                     qxedge\n",
+        "  Description              QUORIX Kelpkit plugin\n",
+        "  Version                  2.3.0\n",
+        "  License                  LGPL\n",
+        "  Source module            ixo-tolv-plugin\n",
+        "  Binary package           Quorix GStreamer IXO Plug-ins\n",
+        "  SINK template: 'sink'\n    Availability: Always\n    Capabilities:\n"
+        "      video/x-raw\n"
+        "                 format: { (string)I420, (string)NV12, (string)BGR }\n"
+        "                  width: [ 1, 2147483647 ]\n"
+        "                 height: [ 1, 2147483647 ]\n"
+        "              framerate: [ 0/1, 2147483647/1 ]\n"
+        "      image/jpeg\n"
+        "                  width: [ 16, 65535 ]\n"
+        "                 height: [ 16, 65535 ]\n"
+        "              framerate: [ 0/1, 2147483647/1 ]\n"
+        "             sof-marker: { (int)0, (int)1, (int)2, (int)4, (int)9 }\n"
+        "      image/png\n"
+        "      image/jpeg\n",
+        std::string("  taggroups           : ") + tag_group_usage_manual("sink") +
+            "\n                        flags: readable, writable\n                        String. Default: \"\"\n",
+        "  context-id          : Identify to the class of a thing for publishing.\n"
+        "                        flags: readable, writable\n                        String. Default: \"\"\n",
+    };
+    for (const std::string& block : expected) {
+        EXPECT_NE(text.find(block), std::string::npos) << "missing:\n" << block;
+    }
+}
+
+// Failures that must end the publisher, each with its own message: a name
+// the session cannot serve, and a padded BGR picture that does not fit.
+TEST(SinkElement, FatalInputEndsTheProcessWithItsMessage) {
+    struct Case {
+        const char* what;
+        std::string launch;
+        const char* message;
+    };
+    const std::vector<Case> cases = {
+        {"unknown tag group at open",
+         "videotestsrc num-buffers=1 ! video/x-raw,format=I420,width=64,height=48 ! qxedgesink name=sink "
+         "taggroups=VideoFrameData+NoSuchGroup",
+         "No matched tag group name."},
+        {"BGR rows with padding",
+         "videotestsrc num-buffers=2 ! video/x-raw,format=BGR,width=322,height=48 ! qxedgesink name=sink "
+         "taggroups=VideoFrameData",
+         "Failed to pad data to edge instance."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        qxtest::ConfigRoot root;
+        qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", c.launch}, root.path(),
+                                   childEnv(root));
+        const int status = child.wait(90s);
+        EXPECT_GT(status, 128) << "expected death by signal; stderr:\n" << child.err();
+        EXPECT_NE(child.err().find(c.message), std::string::npos) << child.err();
+    }
+}
+
+TEST(SinkElement, UnparseableCapsFailNegotiation) {
+    qxtest::ConfigRoot root;
+    // Within the template's ranges, but no frame of this size can be described.
+    qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline",
+                                "fakesrc num-buffers=1 sizetype=fixed sizemax=64 filltype=zero ! "
+                                "video/x-raw,format=I420,width=2147483647,height=2147483647,framerate=30/1 ! "
+                                "qxedgesink name=sink"},
+                               root.path(), childEnv(root, "qxedgesink:5"));
+    EXPECT_EQ(child.wait(90s), 2) << child.err();
+    EXPECT_NE(child.err().find("invalid caps"), std::string::npos) << child.err();
+    EXPECT_NE(child.err().find("not-negotiated"), std::string::npos) << child.err();
+}
+
+// Missing configuration: opening fails cleanly instead of crashing later.
+TEST(SinkElement, MissingConfigurationFailsTheStateChange) {
+    qxtest::ConfigRoot root;
+    root.removeFile("config/VideoFrameThingOutProperties.json");
+    qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline",
+                                "videotestsrc num-buffers=1 ! qxedgesink name=sink taggroups=VideoFrameData"},
+                               root.path(), childEnv(root));
+    EXPECT_EQ(child.wait(90s), 3) << child.err();
+    EXPECT_NE(child.out().find("OPEN FAILED"), std::string::npos);
+}
+
+} // namespace
