@@ -133,8 +133,8 @@ void Edge::runReader(Receiver *receiver, const std::string &input, const std::st
         selector = selectInput(input);
         if (flowId) selector.flow(*flowId);
     } catch (const std::exception &e) {
-        // An input the thing class does not define ends this reader only; the
-        // element and its other readers carry on.
+        // Selecting on a thing that is already closed ends this reader only;
+        // the element and its other readers carry on.
         edge_detail::printCaught(e);
         return;
     }
