@@ -153,7 +153,7 @@ TEST(OverlayCaption, StaysInTheTopLeftCorner) {
     EXPECT_EQ(outside, 0);
 }
 
-enum class MetaKind { None, EmptyBatch, FrameWithoutResults, BackgroundOnlyMask };
+enum class MetaKind { None, EmptyBatch, FrameWithoutResults, BackgroundOnlyMask, UnlabelledClassZeroMask };
 
 class OverlayNothingToDraw : public ::testing::TestWithParam<MetaKind> {};
 
@@ -172,6 +172,10 @@ TEST_P(OverlayNothingToDraw, LeavesBufferBitIdentical) {
         addFrame(picture).seg_results.assign(
             4, std::vector<quorix::ai::SegmentResult>(4, quorix::ai::SegmentResult{0, 1.f, "background"}));
         break;
+    case MetaKind::UnlabelledClassZeroMask:
+        addFrame(picture).seg_results.assign(
+            4, std::vector<quorix::ai::SegmentResult>(4, quorix::ai::SegmentResult{0, 1.f, ""}));
+        break;
     }
     const auto [before, after] = drawOnce("RGBx", "alpha=1.0", picture);
     EXPECT_EQ(before, after);
@@ -179,7 +183,7 @@ TEST_P(OverlayNothingToDraw, LeavesBufferBitIdentical) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, OverlayNothingToDraw,
                          ::testing::Values(MetaKind::None, MetaKind::EmptyBatch, MetaKind::FrameWithoutResults,
-                                           MetaKind::BackgroundOnlyMask));
+                                           MetaKind::BackgroundOnlyMask, MetaKind::UnlabelledClassZeroMask));
 
 class OverlayMask : public ::testing::TestWithParam<const char *> {};
 

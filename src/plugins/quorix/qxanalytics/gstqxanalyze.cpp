@@ -65,7 +65,7 @@ GType qx_analyze_mode_get_type() {
     static GType type = 0;
     static const GEnumValue values[] = {
         {QX_ANALYZE_MODE_DISTINCT, "Pixels that stand out from the frame's background level", "distinct"},
-        {QX_ANALYZE_MODE_MOTION, "Pixels that changed against a running average of earlier frames", "motion"},
+        {QX_ANALYZE_MODE_MOTION, "Pixels that changed against the median of recent frames", "motion"},
         {0, nullptr, nullptr},
     };
     if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("QxAnalyzeMode", values));

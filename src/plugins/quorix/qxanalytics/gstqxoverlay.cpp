@@ -210,8 +210,9 @@ static void qx_overlay_class_init(QxOverlayClass *klass) {
         "Draws the results of each buffer's GstQxBatchMeta onto its picture: detection boxes with label, object id "
         "and probability, the frame classification in the top-left corner, and the segmentation foreground blended "
         "in a tint. Buffers without results pass unchanged.\n"
-        "Example: gst-launch-1.0 qxedgesrc taggroups=uni ! videoconvert ! "
-        "video/x-raw,format=BGRx ! qxoverlay alpha=0.5 ! videoconvert ! autovideosink",
+        "Example: gst-launch-1.0 qxedgesrc taggroups=uni ! "
+        "video/x-raw,format=BGR,width=640,height=480,framerate=30/1 ! qxoverlay alpha=0.5 ! videoconvert ! "
+        "autovideosink",
         "Quorix <support@quorixtech.com>");
 
     transformClass->set_caps = GST_DEBUG_FUNCPTR(qx_overlay_set_caps);
