@@ -114,14 +114,16 @@ TEST(FormatPairs, IndentsNestingLabelsEntriesAndEscapesText) {
     const qxbus::Pairs pairs = {{"stream_id", str("cam\x1b[2J")},
                                 {"data", bytes({1, 2, 3, 4})},
                                 {"boxes", seq({IOT_NVP("", seq({{"obj_id", i32(-7)}, {"x1", f32(0.1f)}}))})},
-                                {"empty", bytes({})}};
+                                {"empty", bytes({})},
+                                {"odd\nname", i32(1)}};
     EXPECT_EQ(qxbus::formatPairs(pairs), "stream_id (string) = \"cam\\u001b[2J\"\n"
                                          "data (byte_seq) = 4 bytes: 01 02 03 04\n"
                                          "boxes (nvp_seq), 1 entry\n"
                                          "  [0] (nvp_seq), 2 entries\n"
                                          "    obj_id (int32) = -7\n"
                                          "    x1 (float32) = 0.1\n"
-                                         "empty (byte_seq) = 0 bytes\n");
+                                         "empty (byte_seq) = 0 bytes\n"
+                                         "\"odd\\nname\" (int32) = 1\n");
 }
 
 TEST(RecordBytes, CountsNamesTextsBytesAndNumberWidthsAtEveryLevel) {

@@ -38,8 +38,8 @@ std::string utcText(std::int64_t nanoseconds) {
 
 void printText(const TagGroupEntry &group, const marlet::DataSample<Pairs> &sample) {
     std::cout << "--- " << group.definition.qualifiedName() << "  topic " << group.definition.topic << "  seq "
-              << sample.getSequence() << "  from " << sample.getSourceId() << "  flow \"" << sample.getFlowId()
-              << "\"  at " << utcText(sample.getSourceTime()) << '\n'
+              << sample.getSequence() << "  from " << printable(sample.getSourceId()) << "  flow "
+              << quotedText(sample.getFlowId()) << "  at " << utcText(sample.getSourceTime()) << '\n'
               << formatPairs(sample.getData(), 1);
 }
 

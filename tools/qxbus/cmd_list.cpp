@@ -23,7 +23,7 @@ constexpr double kDefaultListSeconds = 3.0;
 std::string joined(const std::set<std::string> &items) {
     std::string out;
     for (const auto &item : items)
-        out += (out.empty() ? "" : ",") + (item.empty() ? std::string("\"\"") : item);
+        out += (out.empty() ? "" : ",") + (item.empty() ? std::string("\"\"") : printable(item));
     return out;
 }
 
@@ -58,9 +58,9 @@ int runList(const Options &options) {
     for (const auto &e : endpoints) {
         auto &topic = topics[e.topic];
         (e.writer ? topic.writers : topic.readers)++;
-        const std::string key = e.thingId.empty() ? "(participant " + e.participant + ")" : e.thingId;
+        const std::string key = e.thingId.empty() ? "(participant " + e.participant + ")" : printable(e.thingId);
         auto &thing = things[key];
-        if (!e.thingClass.empty()) thing.thingClass = e.thingClass;
+        if (!e.thingClass.empty()) thing.thingClass = printable(e.thingClass);
         (e.writer ? thing.outputs : thing.inputs).insert(e.topic);
         for (const auto &partition : e.partitions) {
             topic.flows.insert(flowOf(partition));
@@ -75,7 +75,7 @@ int runList(const Options &options) {
 
     const auto shownTopic = [&](const std::string &ddsName) {
         const auto *entry = catalogue.findByTopic(ddsName);
-        return entry ? entry->definition.topic : ddsName;
+        return entry ? entry->definition.topic : printable(ddsName);
     };
     std::cout << "Tag groups:\n";
     for (const auto &[name, topic] : topics) {

@@ -17,13 +17,6 @@ std::string quoted(const std::string &text) {
     return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-// Names are printed bare when they are plain, quoted (and escaped) otherwise.
-std::string quotedIfOdd(const std::string &name) {
-    for (const unsigned char c : name)
-        if (c <= ' ' || c >= 0x7f || c == '"' || c == '\\') return quoted(name);
-    return name;
-}
-
 // Shortest text that reads back as the same float.
 std::string floatText(float value) {
     char buffer[32];
@@ -55,6 +48,14 @@ const char *shortKind(IotKind kind) {
 
 } // namespace
 
+std::string printable(const std::string &name) {
+    for (const unsigned char c : name)
+        if (c <= ' ' || c >= 0x7f || c == '"' || c == '\\') return quoted(name);
+    return name;
+}
+
+std::string quotedText(const std::string &text) { return quoted(text); }
+
 std::string hexHead(const iot::ByteSeq &bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
@@ -73,7 +74,7 @@ std::string formatPairs(const std::vector<iot::IOT_NVP> &pairs, int indent) {
     for (std::size_t i = 0; i < pairs.size(); ++i) {
         const auto &pair = pairs[i];
         const auto &value = pair.value();
-        const std::string label = pair.name().empty() ? "[" + std::to_string(i) + "]" : quotedIfOdd(pair.name());
+        const std::string label = pair.name().empty() ? "[" + std::to_string(i) + "]" : printable(pair.name());
         out << pad << label << " (" << shortKind(value.kind()) << ")";
         switch (value.kind()) {
         case IotKind::iotv_int32:

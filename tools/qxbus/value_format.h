@@ -12,6 +12,12 @@ namespace qxbus {
 
 inline constexpr std::size_t kHeadBytes = 16; // shown of each byte sequence
 
+// Text from the network as it can be shown on a terminal: as it is when it is
+// plain printable ASCII without blanks, else quoted with control characters escaped.
+std::string printable(const std::string &text);
+// Always quoted and escaped, so an empty text shows as "".
+std::string quotedText(const std::string &text);
+
 // Hex of the first kHeadBytes bytes, space separated, "..." when there are more.
 std::string hexHead(const com::quorixtech::iot::ByteSeq &bytes);
 
