@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <set>
 #include <thread>
 
 #include "demo_options.h"
@@ -122,6 +123,7 @@ int runPublisher(const DemoOptions& o) {
 
 struct SubscribeTally {
     int received = 0;
+    std::set<int> frameIds; // buffers can repeat a frame; this counts frames
     int matched = 0;
     int boxes = 0;
     std::vector<double> latencyMs;
@@ -153,6 +155,7 @@ void account(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
     bool hasBoxes = false;
     if (GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer); meta && !meta->frames.empty()) {
         const VideoFrameData& f = meta->frames.front();
+        tally.frameIds.insert(f.frame_id);
         if (!f.class_results.empty() || !f.det_results.empty()) tally.matched++;
         hasBoxes = !f.det_results.empty();
         tally.boxes += static_cast<int>(f.det_results.size());
@@ -210,7 +213,7 @@ int runSubscriber(const DemoOptions& o) {
         lastFrame = Clock::now();
         account(sample, o, tally);
         gst_sample_unref(sample);
-        if (o.expect > 0 && tally.received >= o.expect) break;
+        if (o.expect > 0 && static_cast<int>(tally.frameIds.size()) >= o.expect) break;
     }
 
     // End of stream finalises the recording.
@@ -223,7 +226,7 @@ int runSubscriber(const DemoOptions& o) {
     const double span = std::chrono::duration<double>(tally.last - tally.first).count();
     const double fps = (tally.received > 1 && span > 0) ? (tally.received - 1) / span : 0.0;
     const auto latency = qxdemo::summarise(tally.latencyMs);
-    std::printf("frames received:              %d\n", tally.received);
+    std::printf("frames received:              %zu distinct (%d buffers)\n", tally.frameIds.size(), tally.received);
     std::printf("frames with matched results:  %d\n", tally.matched);
     std::printf("detection boxes received:     %d\n", tally.boxes);
     std::printf("frames per second:            %.1f\n", fps);
