@@ -1,4 +1,4 @@
-// The pieces `list` and `publish` use to read discovery data, and how tag-group
+// How `publish` matches readers' partitions, and how tag-group
 // names given on the command line are resolved against a configuration root.
 
 #include <gtest/gtest.h>
@@ -9,32 +9,6 @@
 #include "qxtest/config_root.h"
 
 namespace {
-
-TEST(DdsTopicName, FollowsTheBusLibraryMapping) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"com.vision.data.VideoFrameData", "com/vision/data/VideoFrameData"},
-        {"a-b c", "a_b_c"},
-        {"9lives", "_9lives"},
-        {"", "_"},
-    };
-    for (const auto &[topic, dds] : cases)
-        EXPECT_EQ(qxbus::ddsTopicName(topic), dds) << topic;
-}
-
-TEST(ParseIdentity, ReadsThingIdAndClassInAnyOrder) {
-    const std::tuple<const char *, const char *, const char *> cases[] = {
-        {"thingId=abc;thingClass=com.vision.data:VideoFrameThingOut", "abc", "com.vision.data:VideoFrameThingOut"},
-        {"thingClass=ns:C;other=1;thingId=x=y", "x=y", "ns:C"},
-        {"garbage without keys", "", ""},
-        {"", "", ""},
-    };
-    for (const auto &[userData, id, thingClass] : cases) {
-        qxbus::Endpoint endpoint;
-        qxbus::parseIdentity(userData, endpoint);
-        EXPECT_EQ(endpoint.thingId, id) << userData;
-        EXPECT_EQ(endpoint.thingClass, thingClass) << userData;
-    }
-}
 
 TEST(PartitionsMatch, ReaderPatternsAgainstAWriterFlow) {
     struct Case {

@@ -126,13 +126,4 @@ TEST(FormatPairs, IndentsNestingLabelsEntriesAndEscapesText) {
                                          "\"odd\\nname\" (int32) = 1\n");
 }
 
-TEST(RecordBytes, CountsNamesTextsBytesAndNumberWidthsAtEveryLevel) {
-    const qxbus::Pairs pairs = {{"ab", str("xyz")},                                  // 2 + 3
-                                {"n", u32(1)},                                       // 1 + 4
-                                {"t", i64(1)},                                       // 1 + 8
-                                {"d", bytes(iot::ByteSeq(100))},                     // 1 + 100
-                                {"l", seq({IOT_NVP("", seq({{"f", f32(1.0f)}}))})}}; // 1 + 0 + 1 + 4
-    EXPECT_EQ(qxbus::recordBytes(pairs), 5u + 5u + 9u + 101u + 6u);
-}
-
 } // namespace
