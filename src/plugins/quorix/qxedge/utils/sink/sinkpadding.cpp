@@ -191,8 +191,17 @@ void paddingImageData(QxEdgeSink* sink, GstVideoFrame frame, int toUni, int writ
         // The source walks pixel by pixel without skipping row padding while
         // target rows start at multiples of the stride: a padded BGR frame
         // overruns the record and fails loudly rather than publish a skewed picture.
+        const bool packedBgr = pixelStride == 3 && component[1] == component[2] + 1 && component[0] == component[2] + 2;
+        if (packedBgr) {
+            // Component 2 (B), 1 (G), 0 (R) already sit in that order: a row
+            // is one copy, with the same positions as the pixel walk below.
+            const std::size_t rowBytes = 3 * static_cast<std::size_t>(width);
+            for (int r = 0; r < height; ++r) {
+                storeRow(data, static_cast<std::size_t>(r) * rowStart, component[2] + r * rowBytes, rowBytes);
+            }
+        }
         std::size_t source = 0;
-        for (int r = 0; r < height; ++r) {
+        for (int r = 0; r < height && !packedBgr; ++r) {
             for (int c = 0; c < width; ++c, source += pixelStride) {
                 const unsigned char pixel[3] = {component[2][source], component[1][source], component[0][source]};
                 storeRow(data, static_cast<std::size_t>(r) * rowStart + 3 * static_cast<std::size_t>(c), pixel, 3);
