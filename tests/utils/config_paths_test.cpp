@@ -94,20 +94,6 @@ long long millisecondOfClock() {
 
 } // namespace
 
-TEST(RecordsHash, RuntimeStringsHashAsLiterals) {
-    const std::string name = "SegmentationData";
-    switch (hash_(name.c_str())) {
-    case hash_("VideoFrameData"):
-        FAIL() << "matched the wrong name";
-    case hash_("SegmentationData"):
-        SUCCEED();
-        break;
-    default:
-        FAIL() << "no match";
-    }
-    EXPECT_NE(hash_("videoframedata"), hash_("VideoFrameData"));
-}
-
 TEST(RecordsPaths, JoinAndCombine) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> joins = {
         {{}, ""},

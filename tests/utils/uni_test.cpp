@@ -198,16 +198,3 @@ TEST(RecordsUniDecode, WrongKindsThrow) {
     for (const auto &c : cases)
         EXPECT_THROW(UniInfo::Decode(asSample(c.second)), IotKindError) << c.first;
 }
-
-TEST(RecordsUniCopy, FramesCopyDeeplyAndMoveWithoutLoss) {
-    IXO_VideoFrameData original = sampleFrame(3);
-    IXO_VideoFrameData copy = original;
-    copy.data[0] = 99;
-    copy.detectionResult[0].meta = "changed";
-    EXPECT_EQ(original.data[0], 1);
-    EXPECT_EQ(original.detectionResult[0].meta, "m1");
-
-    const auto before = original.Encode();
-    IXO_VideoFrameData moved = std::move(original);
-    EXPECT_EQ(moved.Encode(), before);
-}
