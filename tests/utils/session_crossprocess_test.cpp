@@ -1,8 +1,11 @@
 // Records published by another process arrive through the session's reader
 // threads with every field intact, full-HD frame payloads included.
 
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,8 +25,54 @@ using session_test::RecordingReceiver;
 
 const std::string kWriter = std::string(QX_TEST_HELPER_DIR) + "/edge_writer";
 
-// Encoded forms compare every field, floats bit for bit.
-template <typename R> std::vector<com::quorixtech::iot::IOT_NVP> wire(const R &record) { return record.Encode(); }
+// A readable line per pair of a record's encoding: every field, floats bit
+// for bit, so a mismatch names the field that broke.
+void describe(const std::vector<com::quorixtech::iot::IOT_NVP> &pairs, const std::string &prefix, std::ostream &out) {
+    using com::quorixtech::iot::IotKind;
+    for (const auto &pair : pairs) {
+        const auto &v = pair.value();
+        out << prefix << pair.name() << " " << com::quorixtech::iot::kindName(v.kind()) << " ";
+        switch (v.kind()) {
+        case IotKind::iotv_int32:
+            out << v.iotv_int32();
+            break;
+        case IotKind::iotv_uint32:
+            out << v.iotv_uint32();
+            break;
+        case IotKind::iotv_int64:
+            out << v.iotv_int64();
+            break;
+        case IotKind::iotv_float32: {
+            const float f = v.iotv_float32();
+            std::uint32_t bits = 0;
+            std::memcpy(&bits, &f, sizeof bits);
+            out << f << " (0x" << std::hex << bits << std::dec << ")";
+            break;
+        }
+        case IotKind::iotv_string:
+            out << '"' << v.iotv_string() << '"';
+            break;
+        case IotKind::iotv_byte_seq: {
+            const auto &bytes = v.iotv_byte_seq();
+            out << bytes.size() << " bytes, hash " << std::hash<std::string>{}(std::string(bytes.begin(), bytes.end()));
+            break;
+        }
+        case IotKind::iotv_nvp_seq:
+            out << v.iotv_nvp_seq().size() << " entries\n";
+            describe(v.iotv_nvp_seq(), prefix + "  ", out);
+            continue;
+        case IotKind::none:
+            break;
+        }
+        out << '\n';
+    }
+}
+
+template <typename R> std::string wire(const R &record) {
+    std::ostringstream text;
+    describe(record.Encode(), "", text);
+    return text.str();
+}
 
 class EdgeSessionAcrossProcesses : public ::testing::Test {
   protected:
