@@ -2,7 +2,8 @@
 // that does the same colour conversion with GStreamer's own converter and
 // drops the result:
 //   videotestsrc num-buffers=300 ! video/x-raw,format=X,width=1920,height=1080 ! qxedgesink taggroups=VideoFrameData
-//   videotestsrc num-buffers=300 ! video/x-raw,format=X,width=1920,height=1080 ! videoconvert ! video/x-raw,format=BGR ! fakesink
+//   videotestsrc num-buffers=300 ! video/x-raw,format=X,width=1920,height=1080 ! videoconvert ! video/x-raw,format=BGR
+//   ! fakesink
 // Both run in the same process, one after the other, on the same frames; the
 // sink publishes on a private domain with no subscriber. The counters give
 // milliseconds per frame for each and the ratio sink / peer.
@@ -45,9 +46,9 @@ void enterPrivateRoot() {
 }
 
 // Runs a launch line to EOS and returns the seconds it took from PLAYING.
-double runToEos(const std::string& launch) {
-    GError* error = nullptr;
-    GstElement* pipeline = gst_parse_launch(launch.c_str(), &error);
+double runToEos(const std::string &launch) {
+    GError *error = nullptr;
+    GstElement *pipeline = gst_parse_launch(launch.c_str(), &error);
     if (pipeline == nullptr || error != nullptr) {
         throw std::runtime_error("cannot build: " + launch);
     }
@@ -57,8 +58,8 @@ double runToEos(const std::string& launch) {
     }
     const auto start = std::chrono::steady_clock::now();
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* message = gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE,
+    GstBus *bus = gst_element_get_bus(pipeline);
+    GstMessage *message = gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE,
                                                      static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     const auto end = std::chrono::steady_clock::now();
     const bool eos = GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
@@ -70,7 +71,7 @@ double runToEos(const std::string& launch) {
     return std::chrono::duration<double>(end - start).count();
 }
 
-void BM_SinkPublishAgainstConvertPeer(benchmark::State& state, const char* format) {
+void BM_SinkPublishAgainstConvertPeer(benchmark::State &state, const char *format) {
     const std::string source = "videotestsrc num-buffers=" + std::to_string(kFrames) +
                                " ! video/x-raw,format=" + format + ",width=1920,height=1080,framerate=30/1";
     const std::string sink = source + " ! qxedgesink taggroups=VideoFrameData sync=false";
@@ -84,7 +85,7 @@ void BM_SinkPublishAgainstConvertPeer(benchmark::State& state, const char* forma
             sinkSeconds += s;
             peerSeconds += p;
             state.SetIterationTime(s);
-        } catch (const std::exception& e) {
+        } catch (const std::exception &e) {
             state.SkipWithError(e.what());
             return;
         }
@@ -95,13 +96,22 @@ void BM_SinkPublishAgainstConvertPeer(benchmark::State& state, const char* forma
     state.counters["ratio_sink_over_peer"] = peerSeconds > 0 ? sinkSeconds / peerSeconds : 0.0;
 }
 
-BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, I420, "I420")->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, NV12, "NV12")->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, BGR, "BGR")->UseManualTime()->Iterations(2)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, I420, "I420")
+    ->UseManualTime()
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, NV12, "NV12")
+    ->UseManualTime()
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_SinkPublishAgainstConvertPeer, BGR, "BGR")
+    ->UseManualTime()
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
     enterPrivateRoot();
     gst_init(&argc, &argv);
     benchmark::Initialize(&argc, argv);

@@ -18,7 +18,7 @@ namespace codec = com::quorixtech::marlet::codec;
 
 // Mirrors the loader's filler path value for value, so the cost is the same.
 TOLVIXO::SegmentInfo buildFillerSegmentation(std::uint32_t frameId) {
-    static const char* const labels[] = {"bike", "motor", "car", "background"};
+    static const char *const labels[] = {"bike", "motor", "car", "background"};
     TOLVIXO::SegmentInfo segment;
     segment.engine_id = "0123456789abcdef";
     segment.stream_id = "b5d84236-a23d-49fc-a574-e0cd944490bb";
@@ -44,7 +44,7 @@ TOLVIXO::SegmentInfo buildFillerSegmentation(std::uint32_t frameId) {
     return segment;
 }
 
-std::size_t wireSize(const TOLVIXO::NvpList& pairs) { return codec::encodedSize(pairs); }
+std::size_t wireSize(const TOLVIXO::NvpList &pairs) { return codec::encodedSize(pairs); }
 
 // A video record padded until its wire size matches the segmentation record's.
 TOLVIXO::FrameInfo videoOfWireSize(std::size_t target) {
@@ -58,7 +58,7 @@ TOLVIXO::FrameInfo videoOfWireSize(std::size_t target) {
     return frame;
 }
 
-void BM_FillerSegmentationBuildAndEncode(benchmark::State& state) {
+void BM_FillerSegmentationBuildAndEncode(benchmark::State &state) {
     std::uint32_t frameId = 0;
     std::size_t bytes = 0;
     for (auto _ : state) {
@@ -71,7 +71,7 @@ void BM_FillerSegmentationBuildAndEncode(benchmark::State& state) {
 }
 BENCHMARK(BM_FillerSegmentationBuildAndEncode)->Unit(benchmark::kMicrosecond);
 
-void BM_PeerVideoRecordEncodeSameSize(benchmark::State& state) {
+void BM_PeerVideoRecordEncodeSameSize(benchmark::State &state) {
     const std::size_t target = wireSize(buildFillerSegmentation(0).Encode());
     TOLVIXO::FrameInfo frame = videoOfWireSize(target);
     std::size_t bytes = 0;
@@ -87,9 +87,9 @@ BENCHMARK(BM_PeerVideoRecordEncodeSameSize)->Unit(benchmark::kMicrosecond);
 
 // Keeps each run's time per iteration so main can print the ratio.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
+  public:
+    void ReportRuns(const std::vector<Run> &runs) override {
+        for (const Run &run : runs) {
             if (run.iterations > 0 && run.run_type == Run::RT_Iteration) {
                 perIteration[run.benchmark_name()] = run.GetAdjustedRealTime();
             }
@@ -101,7 +101,7 @@ public:
 
 } // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -15,14 +15,16 @@ using namespace sinktest;
 
 TEST(SinkTagGroups, SplitKeepsLeadingEmptyNamesAndDropsTrailingOnes) {
     struct Case {
-        const char* text;
+        const char *text;
         std::vector<std::string> names;
     };
     const std::vector<Case> cases = {
-        {"a+b", {"a", "b"}}, {"+a", {"", "a"}}, {"a+", {"a"}},  {"a++b", {"a", "b"}},
-        {"", {""}},          {"a", {"a"}},      {"++", {""}},   {"VideoFrameData+ClassificationData", {"VideoFrameData", "ClassificationData"}},
+        {"a+b", {"a", "b"}}, {"+a", {"", "a"}},
+        {"a+", {"a"}},       {"a++b", {"a", "b"}},
+        {"", {""}},          {"a", {"a"}},
+        {"++", {""}},        {"VideoFrameData+ClassificationData", {"VideoFrameData", "ClassificationData"}},
     };
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         EXPECT_EQ(split(c.text), c.names) << "\"" << c.text << "\"";
     }
 }
@@ -34,7 +36,7 @@ TEST(SinkTagGroups, UsageTextEndsWithTheRoleAdvice) {
     const std::string lastGroup =
         "\n\t\t\t=> DeviceInfoData:\t\t For publishing camera device information to edge marlet.";
     struct Case {
-        const char* role;
+        const char *role;
         std::string ending;
     };
     const std::vector<Case> cases = {
@@ -43,7 +45,7 @@ TEST(SinkTagGroups, UsageTextEndsWithTheRoleAdvice) {
         {"src", lastGroup + "\n\t\t\tVideoFrameData is the required tag group for synchronization."},
         {"other", lastGroup},
     };
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         const std::string text = tag_group_usage_manual(c.role);
         EXPECT_EQ(text.rfind(common, 0), 0u) << c.role;
         ASSERT_GE(text.size(), c.ending.size());
@@ -59,8 +61,8 @@ TEST(SinkTagGroups, UsageTextEndsWithTheRoleAdvice) {
 TEST(SinkElement, PropertiesReadBackAsTheyWereSet) {
     initGst();
     struct Case {
-        std::vector<const char*> writes;
-        const char* expected;
+        std::vector<const char *> writes;
+        const char *expected;
     };
     const std::vector<Case> cases = {
         {{"VideoFrameData+ClassificationData"}, "VideoFrameData+ClassificationData"},
@@ -71,20 +73,20 @@ TEST(SinkElement, PropertiesReadBackAsTheyWereSet) {
         {{"a++b"}, "a+b"},
         {{}, ""},
     };
-    for (const Case& c : cases) {
-        GstElement* sink = gst_element_factory_make("qxedgesink", nullptr);
+    for (const Case &c : cases) {
+        GstElement *sink = gst_element_factory_make("qxedgesink", nullptr);
         ASSERT_NE(sink, nullptr);
-        for (const char* value : c.writes) {
+        for (const char *value : c.writes) {
             g_object_set(sink, "taggroups", value, nullptr);
         }
-        gchar* read = nullptr;
+        gchar *read = nullptr;
         g_object_get(sink, "taggroups", &read, nullptr);
         EXPECT_STREQ(read, c.expected);
         g_free(read);
         gst_object_unref(sink);
     }
-    GstElement* sink = gst_element_factory_make("qxedgesink", nullptr);
-    gchar* context = nullptr;
+    GstElement *sink = gst_element_factory_make("qxedgesink", nullptr);
+    gchar *context = nullptr;
     g_object_get(sink, "context-id", &context, nullptr);
     EXPECT_STREQ(context, "");
     g_free(context);
@@ -97,7 +99,7 @@ TEST(SinkElement, PropertiesReadBackAsTheyWereSet) {
 
 TEST(SinkElement, InspectShowsMetadataPropertiesAndCaps) {
     qxtest::ConfigRoot root;
-    gchar* program = g_find_program_in_path("gst-inspect-1.0");
+    gchar *program = g_find_program_in_path("gst-inspect-1.0");
     ASSERT_NE(program, nullptr) << "gst-inspect-1.0 is not installed";
     qxtest::ChildProcess inspect({program, "qxedgesink"}, root.path(), childEnv(root));
     g_free(program);
@@ -131,7 +133,7 @@ TEST(SinkElement, InspectShowsMetadataPropertiesAndCaps) {
         "  context-id          : Identify to the class of a thing for publishing.\n"
         "                        flags: readable, writable\n                        String. Default: \"\"\n",
     };
-    for (const std::string& block : expected) {
+    for (const std::string &block : expected) {
         EXPECT_NE(text.find(block), std::string::npos) << "missing:\n" << block;
     }
 }
@@ -140,9 +142,9 @@ TEST(SinkElement, InspectShowsMetadataPropertiesAndCaps) {
 // the session cannot serve, and a padded BGR picture that does not fit.
 TEST(SinkElement, FatalInputEndsTheProcessWithItsMessage) {
     struct Case {
-        const char* what;
+        const char *what;
         std::string launch;
-        const char* message;
+        const char *message;
     };
     const std::vector<Case> cases = {
         {"unknown tag group at open",
@@ -154,7 +156,7 @@ TEST(SinkElement, FatalInputEndsTheProcessWithItsMessage) {
          "taggroups=VideoFrameData",
          "Failed to pad data to edge instance."},
     };
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         qxtest::ConfigRoot root;
         qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", c.launch}, root.path(),

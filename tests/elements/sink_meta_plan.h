@@ -16,7 +16,7 @@ constexpr int kFrameIdBase = 1000;
 // Frames carry their own id (kFrameIdBase + n) so tests can tell which input
 // a sample belongs to. Even frames point at device 1; odd frames point one
 // past the device list, which subscribers must see as "no device".
-inline void fill(GstQxBatchMeta* batch, std::uint64_t n, int width, int height) {
+inline void fill(GstQxBatchMeta *batch, std::uint64_t n, int width, int height) {
     DeviceInfoData first;
     first.stream_id = "cam-a";
     first.port = 80;
@@ -75,7 +75,7 @@ inline void fill(GstQxBatchMeta* batch, std::uint64_t n, int width, int height) 
 // The runs the map above must travel as: {class/color, label, repeat}.
 struct Run {
     std::uint32_t color;
-    const char* label;
+    const char *label;
     std::uint32_t repeat;
     float probability;
 };

@@ -20,13 +20,13 @@ using Classification = TOLVIXO::Information<TOLVIXO::ClassificationData>;
 using Detection = TOLVIXO::Information<TOLVIXO::DetectionBoxData>;
 
 constexpr int kFrames = 8;
-const char* const kAllGroups = "VideoFrameData+ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
+const char *const kAllGroups = "VideoFrameData+ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
 const std::vector<std::string> kAllGroupNames = {"VideoFrameData", "ClassificationData", "DetectionBoxData",
                                                  "SegmentationData", "DeviceInfoData"};
-const char* const kFillerStreamId = "b5d84236-a23d-49fc-a574-e0cd944490bb";
+const char *const kFillerStreamId = "b5d84236-a23d-49fc-a574-e0cd944490bb";
 
 class SinkPublishTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         initGst();
         root_.enter();
@@ -34,14 +34,14 @@ protected:
     qxtest::ConfigRoot root_;
 };
 
-std::string source(const std::string& format, int width, int height) {
+std::string source(const std::string &format, int width, int height) {
     return "videotestsrc num-buffers=" + std::to_string(kFrames) + " pattern=ball ! video/x-raw,format=" + format +
            ",width=" + std::to_string(width) + ",height=" + std::to_string(height) + ",framerate=30000/1001";
 }
 
 // Frame ids must run without gaps up to the last frame: the bus is reliable,
 // so a frame lost once the subscriber matched is a fault.
-void expectContiguousToEnd(const std::vector<std::uint32_t>& ids, std::uint32_t last) {
+void expectContiguousToEnd(const std::vector<std::uint32_t> &ids, std::uint32_t last) {
     ASSERT_FALSE(ids.empty());
     EXPECT_EQ(ids.back(), last);
     for (std::size_t i = 1; i < ids.size(); ++i) {
@@ -52,12 +52,15 @@ void expectContiguousToEnd(const std::vector<std::uint32_t>& ids, std::uint32_t 
 // Result records carry the frame id: each group must run without gaps or
 // repeats up to the last frame. Groups match the subscriber one by one, so
 // each may miss a different number of leading frames.
-void expectResultIdsContiguous(std::map<std::string, std::vector<Pairs>>& received, std::uint32_t last) {
+void expectResultIdsContiguous(std::map<std::string, std::vector<Pairs>> &received, std::uint32_t last) {
     std::map<std::string, std::vector<std::uint32_t>> ids;
-    for (const Pairs& pairs : received["ClassificationData"]) ids["ClassificationData"].push_back(decode<Classification>(pairs).frame_id);
-    for (const Pairs& pairs : received["DetectionBoxData"]) ids["DetectionBoxData"].push_back(decode<Detection>(pairs).frame_id);
-    for (const Pairs& pairs : received["SegmentationData"]) ids["SegmentationData"].push_back(decode<SegmentInfo>(pairs).frame_id);
-    for (const auto& [name, list] : ids) {
+    for (const Pairs &pairs : received["ClassificationData"])
+        ids["ClassificationData"].push_back(decode<Classification>(pairs).frame_id);
+    for (const Pairs &pairs : received["DetectionBoxData"])
+        ids["DetectionBoxData"].push_back(decode<Detection>(pairs).frame_id);
+    for (const Pairs &pairs : received["SegmentationData"])
+        ids["SegmentationData"].push_back(decode<SegmentInfo>(pairs).frame_id);
+    for (const auto &[name, list] : ids) {
         SCOPED_TRACE(name);
         expectContiguousToEnd(list, last);
     }
@@ -65,14 +68,14 @@ void expectResultIdsContiguous(std::map<std::string, std::vector<Pairs>>& receiv
 
 TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
     struct Case {
-        const char* format;
+        const char *format;
         int width;
         int height;
     };
     // 322 makes I420/NV12 strides differ from the width. BGR uses a width
     // whose stride is exactly width x 3 (padded BGR rows are refused, see below).
     const std::vector<Case> cases = {{"I420", 322, 240}, {"NV12", 322, 240}, {"BGR", 320, 240}};
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         SCOPED_TRACE(c.format);
         const std::string input = source(c.format, c.width, c.height);
         const auto reference = referenceFrames(input, false);
@@ -86,7 +89,7 @@ TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
         ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
 
         std::vector<std::uint32_t> ids;
-        for (const Pairs& pairs : received["VideoFrameData"]) {
+        for (const Pairs &pairs : received["VideoFrameData"]) {
             const auto frame = decode<FrameInfo>(pairs);
             ids.push_back(frame.frame_id);
             ASSERT_LT(frame.frame_id, reference.size());
@@ -102,7 +105,7 @@ TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
         }
         expectContiguousToEnd(ids, kFrames - 1);
 
-        for (const Pairs& pairs : received["DeviceInfoData"]) {
+        for (const Pairs &pairs : received["DeviceInfoData"]) {
             const auto device = decode<DeviceInfo>(pairs);
             EXPECT_EQ(device.port, -1);
             EXPECT_EQ(device.manufacturer, "QUORIX");
@@ -110,19 +113,19 @@ TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
             EXPECT_EQ(device.uri, "XXXXXXXXXXXXXXXXXXXX");
             EXPECT_EQ(device.protocol, "com.vision.models.INTERFACE_DDS");
         }
-        for (const Pairs& pairs : received["ClassificationData"]) {
+        for (const Pairs &pairs : received["ClassificationData"]) {
             const auto results = decode<Classification>(pairs);
             ASSERT_EQ(results.data.size(), 3u) << "filler results must not pile up across frames";
             EXPECT_EQ(results.data[2].index, 2);
             EXPECT_EQ(results.data[0].label, "[fake] test classification label string");
         }
-        for (const Pairs& pairs : received["DetectionBoxData"]) {
+        for (const Pairs &pairs : received["DetectionBoxData"]) {
             const auto results = decode<Detection>(pairs);
             ASSERT_EQ(results.data.size(), 3u);
             EXPECT_EQ(results.data[1].class_label, "X");
             EXPECT_FLOAT_EQ(results.data[1].y1, 456.0f);
         }
-        for (const Pairs& pairs : received["SegmentationData"]) {
+        for (const Pairs &pairs : received["SegmentationData"]) {
             const auto results = decode<SegmentInfo>(pairs);
             ASSERT_EQ(results.data.size(), 10000u);
             EXPECT_EQ(results.data[9999].id, 9999u);
@@ -148,7 +151,7 @@ TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
     ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
 
     std::vector<std::uint32_t> ids;
-    for (const Pairs& pairs : received["VideoFrameData"]) {
+    for (const Pairs &pairs : received["VideoFrameData"]) {
         const auto frame = decode<FrameInfo>(pairs);
         ids.push_back(frame.frame_id);
         const std::uint64_t n = frame.frame_id - sinkplan::kFrameIdBase;
@@ -160,7 +163,7 @@ TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
     }
     expectContiguousToEnd(ids, sinkplan::kFrameIdBase + kFrames - 1);
 
-    for (const Pairs& pairs : received["ClassificationData"]) {
+    for (const Pairs &pairs : received["ClassificationData"]) {
         const auto results = decode<Classification>(pairs);
         const std::uint64_t n = results.frame_id - sinkplan::kFrameIdBase;
         EXPECT_EQ(results.stream_id, "cam-b");
@@ -169,11 +172,11 @@ TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
         EXPECT_EQ(results.data.back().output, "out-" + std::to_string(n));
         EXPECT_EQ(results.data.back().label, "label-" + std::to_string(n % 3));
     }
-    for (const Pairs& pairs : received["DetectionBoxData"]) {
+    for (const Pairs &pairs : received["DetectionBoxData"]) {
         const auto results = decode<Detection>(pairs);
         const std::uint64_t n = results.frame_id - sinkplan::kFrameIdBase;
         ASSERT_EQ(results.data.size(), 1u);
-        const auto& box = results.data[0];
+        const auto &box = results.data[0];
         EXPECT_EQ(box.obj_id, static_cast<std::int32_t>(n));
         EXPECT_EQ(box.class_id, 7);
         EXPECT_EQ(box.obj_label, "person");
@@ -183,7 +186,7 @@ TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
         EXPECT_EQ(box.meta, "frame " + std::to_string(n));
     }
     const auto runs = sinkplan::expectedRuns();
-    for (const Pairs& pairs : received["SegmentationData"]) {
+    for (const Pairs &pairs : received["SegmentationData"]) {
         const auto results = decode<SegmentInfo>(pairs);
         ASSERT_EQ(results.data.size(), runs.size());
         for (std::size_t i = 0; i < runs.size(); ++i) {
@@ -201,7 +204,7 @@ TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
     expectResultIdsContiguous(received, sinkplan::kFrameIdBase + kFrames - 1);
     // Device records carry no frame id: they follow the frames in order and
     // end with the last one; odd frames point past the device list.
-    const auto& devices = received["DeviceInfoData"];
+    const auto &devices = received["DeviceInfoData"];
     ASSERT_FALSE(devices.empty());
     ASSERT_LE(devices.size(), static_cast<std::size_t>(kFrames));
     for (std::size_t i = 0; i < devices.size(); ++i) {
@@ -233,11 +236,11 @@ TEST_F(SinkPublishTest, UniPublishesOneCombinedSamplePerFrame) {
     ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
 
     std::vector<std::uint32_t> ids;
-    for (const Pairs& pairs : received["VideoFrameData"]) {
+    for (const Pairs &pairs : received["VideoFrameData"]) {
         const auto uni = TOLVIXO::UniInfo::Decode(pairs);
         ASSERT_EQ(uni.videoList.size(), 1u);
         ASSERT_EQ(uni.deviceList.size(), 1u);
-        const auto& video = uni.videoList[0];
+        const auto &video = uni.videoList[0];
         ids.push_back(video.frame_id);
         const std::uint64_t n = video.frame_id - sinkplan::kFrameIdBase;
         ASSERT_LT(n, reference.size());
@@ -267,7 +270,7 @@ TEST_F(SinkPublishTest, EncodedInputIsPublishedAsTheWholeBuffer) {
 
     // Encoded buffers carry no frame number; what arrived must be the last
     // frames of the input, in order.
-    const auto& samples = received["VideoFrameData"];
+    const auto &samples = received["VideoFrameData"];
     ASSERT_FALSE(samples.empty());
     ASSERT_LE(samples.size(), reference.size());
     const std::size_t first = reference.size() - samples.size();
@@ -287,7 +290,8 @@ TEST_F(SinkPublishTest, EncodedInputIsPublishedAsTheWholeBuffer) {
 // session only accepts known names at open, so the list is changed after it.
 TEST_F(SinkPublishTest, UnknownNamesWhilePublishingAreLoggedAndOthersStillGo) {
     BusReader reader(false, {"DeviceInfoData"});
-    Publisher publisher(root_, source("I420", 64, 48) + " ! qxedgesink name=sink taggroups=VideoFrameData+DeviceInfoData",
+    Publisher publisher(root_,
+                        source("I420", 64, 48) + " ! qxedgesink name=sink taggroups=VideoFrameData+DeviceInfoData",
                         {"--retag", "VideoFrameData+Bogus+EngineInfoData+DeviceInfoData"}, "qxedgesink:4");
     ASSERT_TRUE(publisher.ready()) << publisher.child().err();
     publisher.go();
@@ -295,9 +299,9 @@ TEST_F(SinkPublishTest, UnknownNamesWhilePublishingAreLoggedAndOthersStillGo) {
     ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
 
     const std::string log = publisher.child().err();
-    for (const char* line : {"No matched tag group name to pad data to edge instance.",
-                             "No matched tag group name to publish data to marlet.", "Add EngineInfoData not support yet.",
-                             "Publish EngineInfoData not support yet."}) {
+    for (const char *line : {"No matched tag group name to pad data to edge instance.",
+                             "No matched tag group name to publish data to marlet.",
+                             "Add EngineInfoData not support yet.", "Publish EngineInfoData not support yet."}) {
         EXPECT_NE(log.find(line), std::string::npos) << line;
     }
     EXPECT_EQ(log.find("No matched taggroup in metadata loader."), std::string::npos);

@@ -34,16 +34,16 @@ inline void initGst() {
     static std::once_flag once;
     std::call_once(once, [] {
         if (!gst_is_initialized()) {
-            static const std::string dir = std::string(::testing::TempDir()) + "/qxedge-sink-tests-" +
-                                           std::to_string(static_cast<long>(getpid()));
+            static const std::string dir =
+                std::string(::testing::TempDir()) + "/qxedge-sink-tests-" + std::to_string(static_cast<long>(getpid()));
             qxtest::useBuildPlugins(dir);
             gst_init(nullptr, nullptr);
         }
     });
 }
 
-inline std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot& root,
-                                                                 const std::string& debug = "") {
+inline std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root,
+                                                                 const std::string &debug = "") {
     std::vector<std::pair<std::string, std::string>> env{{"GST_PLUGIN_PATH", qxtest::pluginBuildDir()},
                                                          {"GST_REGISTRY", root.file("registry-sink.bin")},
                                                          {"GST_REGISTRY_FORK", "no"}};
@@ -57,9 +57,9 @@ inline std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::C
 // The publishing pipeline; it waits in READY until go() so the subscriber is
 // already on the bus when the first frame is written.
 class Publisher {
-public:
-    Publisher(const qxtest::ConfigRoot& root, const std::string& launch, std::vector<std::string> options = {},
-              const std::string& debug = "")
+  public:
+    Publisher(const qxtest::ConfigRoot &root, const std::string &launch, std::vector<std::string> options = {},
+              const std::string &debug = "")
         : root_(root) {
         std::vector<std::string> argv{std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", launch};
         argv.insert(argv.end(), options.begin(), options.end());
@@ -74,23 +74,24 @@ public:
         std::this_thread::sleep_for(1500ms);
         root_.writeFile("go", "go");
     }
-    qxtest::ChildProcess& child() { return *child_; }
+    qxtest::ChildProcess &child() { return *child_; }
 
-private:
-    const qxtest::ConfigRoot& root_;
+  private:
+    const qxtest::ConfigRoot &root_;
     std::unique_ptr<qxtest::ChildProcess> child_;
 };
 
 struct GroupFiles {
-    const char* properties;
-    const char* thingClass;
-    const char* tagGroup;
+    const char *properties;
+    const char *thingClass;
+    const char *tagGroup;
 };
 
-inline GroupFiles inFilesOf(const std::string& group) {
+inline GroupFiles inFilesOf(const std::string &group) {
     static const std::map<std::string, GroupFiles> files = {
         {"DeviceInfoData",
-         {"config/DeviceInfoThingInProperties.json", "definitions/ThingClass/com.vision.data/DeviceInfoThingInClass.json",
+         {"config/DeviceInfoThingInProperties.json",
+          "definitions/ThingClass/com.vision.data/DeviceInfoThingInClass.json",
           "definitions/TagGroup/com.vision.data/DeviceInfoTagGroup.json"}},
         {"ClassificationData",
          {"config/ClassificationThingInProperties.json",
@@ -111,15 +112,15 @@ inline GroupFiles inFilesOf(const std::string& group) {
 // Subscribes to the video group (separate or combined record) and any of the
 // four result groups, in this process, on the test's own domain.
 class BusReader {
-public:
-    BusReader(bool uni, const std::vector<std::string>& groups) {
+  public:
+    BusReader(bool uni, const std::vector<std::string> &groups) {
         const std::string videoTagGroup = uni ? "definitions/TagGroup/com.vision.data/IXOPipeTagGroup.json"
                                               : "definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json";
         edge_ = Edge::create("config/Marlet.xml", "config/VideoFrameThingInProperties.json",
                              "definitions/ThingClass/com.vision.data/VideoFrameThingInClass.json", {videoTagGroup}, "");
         if (!edge_) throw std::runtime_error("reader session could not be created");
         selectors_["VideoFrameData"] = edge_->thing.select("VideoFrameData").batch(64);
-        for (const std::string& group : groups) {
+        for (const std::string &group : groups) {
             if (group == "VideoFrameData") continue;
             const GroupFiles files = inFilesOf(group);
             edge_->AddThing(group, files.properties, files.thingClass, {files.tagGroup});
@@ -127,8 +128,8 @@ public:
         }
         // Readers are opened by the first read; open them now so that the
         // publisher finds them when it starts.
-        for (auto& [name, selector] : selectors_) {
-            for (auto& sample : selector.read<Pairs>(1)) {
+        for (auto &[name, selector] : selectors_) {
+            for (auto &sample : selector.read<Pairs>(1)) {
                 early_[name].push_back(sample.getData());
             }
         }
@@ -139,7 +140,7 @@ public:
 
     // Reads until every group has `expected` samples, or the publisher has
     // ended and the bus stays quiet for a pass.
-    std::map<std::string, std::vector<Pairs>> collect(qxtest::ChildProcess& publisher, std::size_t expected) {
+    std::map<std::string, std::vector<Pairs>> collect(qxtest::ChildProcess &publisher, std::size_t expected) {
         std::map<std::string, std::vector<Pairs>> received = early_;
         const auto deadline = std::chrono::steady_clock::now() + 90s;
         bool quietAfterExit = false;
@@ -147,8 +148,8 @@ public:
             const bool ended = !publisher.running();
             bool any = false;
             bool complete = true;
-            for (auto& [name, selector] : selectors_) {
-                for (auto& sample : selector.read<Pairs>(ended ? 500 : 100)) {
+            for (auto &[name, selector] : selectors_) {
+                for (auto &sample : selector.read<Pairs>(ended ? 500 : 100)) {
                     received[name].push_back(sample.getData());
                     any = true;
                 }
@@ -160,7 +161,7 @@ public:
         return received;
     }
 
-private:
+  private:
     std::shared_ptr<Edge> edge_;
     std::map<std::string, com::quorixtech::marlet::Thing::Selector> selectors_;
     std::map<std::string, std::vector<Pairs>> early_;
@@ -168,15 +169,15 @@ private:
 
 // What videotestsrc gives for the launch fragment, one entry per frame: the
 // B,G,R picture OpenCV makes of raw frames, or the encoded bytes as they are.
-inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string& sourceAndCaps, bool encoded) {
+inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string &sourceAndCaps, bool encoded) {
     initGst();
     const std::string description = sourceAndCaps + " ! appsink name=out sync=false";
-    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
-    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     std::vector<std::vector<unsigned char>> frames;
-    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 20 * GST_SECOND)) {
-        GstBuffer* buffer = gst_sample_get_buffer(sample);
+    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 20 * GST_SECOND)) {
+        GstBuffer *buffer = gst_sample_get_buffer(sample);
         if (encoded) {
             std::vector<unsigned char> bytes(gst_buffer_get_size(buffer));
             gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
@@ -191,15 +192,19 @@ inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string
         const int w = GST_VIDEO_INFO_WIDTH(&info);
         const int h = GST_VIDEO_INFO_HEIGHT(&info);
         cv::Mat bgr;
-        const auto plane = [&frame](int i) { return static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i)); };
-        const auto stride = [&frame](int i) { return static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, i)); };
+        const auto plane = [&frame](int i) {
+            return static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i));
+        };
+        const auto stride = [&frame](int i) {
+            return static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, i));
+        };
         switch (GST_VIDEO_INFO_FORMAT(&info)) {
         case GST_VIDEO_FORMAT_I420: {
             cv::Mat packed(h + h / 2, w, CV_8UC1);
             const cv::Mat y(h, w, CV_8UC1, plane(0), stride(0));
             y.copyTo(packed.rowRange(0, h));
             // U then V, each (w/2) x (h/2), laid out back to back in the chroma rows.
-            unsigned char* out = packed.ptr(h);
+            unsigned char *out = packed.ptr(h);
             for (int p = 1; p <= 2; ++p) {
                 for (int r = 0; r < h / 2; ++r, out += w / 2) {
                     std::memcpy(out, plane(p) + r * stride(p), static_cast<std::size_t>(w / 2));
@@ -228,7 +233,7 @@ inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string
     return frames;
 }
 
-template <typename Record> Record decode(const Pairs& pairs) {
+template <typename Record> Record decode(const Pairs &pairs) {
     Record record{};
     TOLVIXO::DecodeRecord(pairs, record);
     return record;

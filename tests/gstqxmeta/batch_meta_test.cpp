@@ -14,12 +14,12 @@
 namespace {
 
 class BatchMetaTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 };
 
-GstQxBatchMeta* attachSample(GstBuffer* buffer) {
-    GstQxBatchMeta* batch = gst_buffer_add_qx_batch_meta(buffer);
+GstQxBatchMeta *attachSample(GstBuffer *buffer) {
+    GstQxBatchMeta *batch = gst_buffer_add_qx_batch_meta(buffer);
     DeviceInfoData device;
     device.stream_id = "camera-7";
     device.port = 554;
@@ -46,13 +46,13 @@ GstQxBatchMeta* attachSample(GstBuffer* buffer) {
     return batch;
 }
 
-void expectSample(const GstQxBatchMeta* batch) {
+void expectSample(const GstQxBatchMeta *batch) {
     ASSERT_NE(batch, nullptr);
     ASSERT_EQ(batch->devices.size(), 1u);
     EXPECT_EQ(batch->devices[0].port, 554);
     EXPECT_EQ(batch->devices[0].uri, "rtsp://127.0.0.1/stream-with-a-name-long-enough-for-heap-storage");
     ASSERT_EQ(batch->frames.size(), 1u);
-    const VideoFrameData& frame = batch->frames[0];
+    const VideoFrameData &frame = batch->frames[0];
     EXPECT_EQ(frame.frame_id, 42);
     EXPECT_EQ(frame.timestamp, 1234567890123ULL);
     EXPECT_TRUE(frame.is_compress);
@@ -70,7 +70,7 @@ void expectSample(const GstQxBatchMeta* batch) {
 // The compile-time checks only run on 64-bit builds; this repeats the
 // interesting ones where the tests actually run, against raw addresses.
 TEST_F(BatchMetaTest, MembersSitAtTheAgreedOffsets) {
-    if (sizeof(void*) != 8) {
+    if (sizeof(void *) != 8) {
         GTEST_SKIP() << "layout is agreed for 64-bit targets";
     }
     GstQxBatchMeta batch{};
@@ -79,11 +79,11 @@ TEST_F(BatchMetaTest, MembersSitAtTheAgreedOffsets) {
     quorix::ai::DetectionBoxResult box;
     quorix::ai::ClassificationResult cls;
     quorix::ai::SegmentResult seg;
-    auto at = [](const void* base, const void* member) {
-        return static_cast<const char*>(member) - static_cast<const char*>(base);
+    auto at = [](const void *base, const void *member) {
+        return static_cast<const char *>(member) - static_cast<const char *>(base);
     };
     struct Case {
-        const char* name;
+        const char *name;
         std::ptrdiff_t actual;
         std::ptrdiff_t expected;
     };
@@ -115,7 +115,7 @@ TEST_F(BatchMetaTest, MembersSitAtTheAgreedOffsets) {
         {"sizeof classification", static_cast<std::ptrdiff_t>(sizeof(cls)), 80},
         {"sizeof segment", static_cast<std::ptrdiff_t>(sizeof(seg)), 40},
     };
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         EXPECT_EQ(c.actual, c.expected) << c.name;
     }
 }
@@ -123,10 +123,10 @@ TEST_F(BatchMetaTest, MembersSitAtTheAgreedOffsets) {
 TEST_F(BatchMetaTest, LookupFindsOnlyWhatWasAttached) {
     EXPECT_STREQ(g_type_name(gst_qx_batch_meta_get_info()->api), "GstQxBatchMetaAPI");
     EXPECT_EQ(gst_meta_get_info("GstQxBatchMeta"), gst_qx_batch_meta_get_info());
-    GstBuffer* bare = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    GstBuffer *bare = gst_buffer_new_allocate(nullptr, 16, nullptr);
     EXPECT_EQ(gst_buffer_get_qx_batch_meta(bare), nullptr);
 
-    GstQxBatchMeta* fresh = gst_buffer_add_qx_batch_meta(bare);
+    GstQxBatchMeta *fresh = gst_buffer_add_qx_batch_meta(bare);
     ASSERT_NE(fresh, nullptr);
     EXPECT_TRUE(fresh->devices.empty());
     EXPECT_TRUE(fresh->frames.empty());
@@ -134,8 +134,9 @@ TEST_F(BatchMetaTest, LookupFindsOnlyWhatWasAttached) {
     gst_buffer_unref(bare);
 
     // The generic attach call the subscriber side uses must give the same, empty record.
-    GstBuffer* other = gst_buffer_new_allocate(nullptr, 16, nullptr);
-    auto* generic = reinterpret_cast<GstQxBatchMeta*>(gst_buffer_add_meta(other, gst_qx_batch_meta_get_info(), nullptr));
+    GstBuffer *other = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    auto *generic =
+        reinterpret_cast<GstQxBatchMeta *>(gst_buffer_add_meta(other, gst_qx_batch_meta_get_info(), nullptr));
     ASSERT_NE(generic, nullptr);
     EXPECT_TRUE(generic->frames.empty());
     EXPECT_EQ(gst_buffer_get_qx_batch_meta(other), generic);
@@ -145,11 +146,11 @@ TEST_F(BatchMetaTest, LookupFindsOnlyWhatWasAttached) {
 // Removing a filled record and attaching a new one must not resurrect the
 // old contents, whatever memory GStreamer hands back.
 TEST_F(BatchMetaTest, RemovedRecordIsDestroyedAndANewOneStartsEmpty) {
-    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 16, nullptr);
+    GstBuffer *buffer = gst_buffer_new_allocate(nullptr, 16, nullptr);
     attachSample(buffer);
-    ASSERT_TRUE(gst_buffer_remove_meta(buffer, reinterpret_cast<GstMeta*>(gst_buffer_get_qx_batch_meta(buffer))));
+    ASSERT_TRUE(gst_buffer_remove_meta(buffer, reinterpret_cast<GstMeta *>(gst_buffer_get_qx_batch_meta(buffer))));
     EXPECT_EQ(gst_buffer_get_qx_batch_meta(buffer), nullptr);
-    GstQxBatchMeta* again = gst_buffer_add_qx_batch_meta(buffer);
+    GstQxBatchMeta *again = gst_buffer_add_qx_batch_meta(buffer);
     ASSERT_NE(again, nullptr);
     EXPECT_TRUE(again->devices.empty());
     EXPECT_TRUE(again->frames.empty());
@@ -157,21 +158,21 @@ TEST_F(BatchMetaTest, RemovedRecordIsDestroyedAndANewOneStartsEmpty) {
 }
 
 TEST_F(BatchMetaTest, BufferCopiesCarryAnIndependentRecord) {
-    GstBuffer* original = gst_buffer_new_allocate(nullptr, 64, nullptr);
-    GstQxBatchMeta* source = attachSample(original);
+    GstBuffer *original = gst_buffer_new_allocate(nullptr, 64, nullptr);
+    GstQxBatchMeta *source = attachSample(original);
 
     struct Copy {
-        const char* how;
-        GstBuffer* buffer;
+        const char *how;
+        GstBuffer *buffer;
     };
     const std::vector<Copy> copies = {
         {"gst_buffer_copy", gst_buffer_copy(original)},
         {"gst_buffer_copy_deep", gst_buffer_copy_deep(original)},
         {"gst_buffer_copy_region", gst_buffer_copy_region(original, GST_BUFFER_COPY_ALL, 0, 32)},
     };
-    for (const Copy& copy : copies) {
+    for (const Copy &copy : copies) {
         SCOPED_TRACE(copy.how);
-        GstQxBatchMeta* copied = gst_buffer_get_qx_batch_meta(copy.buffer);
+        GstQxBatchMeta *copied = gst_buffer_get_qx_batch_meta(copy.buffer);
         expectSample(copied);
         ASSERT_NE(copied, source);
         copied->frames[0].class_results.clear();
@@ -184,17 +185,17 @@ TEST_F(BatchMetaTest, BufferCopiesCarryAnIndependentRecord) {
 
 // Runs one buffer with a record through a launch line between appsrc "in"
 // and appsinks named in sinkNames, returning the record each sink saw.
-std::vector<std::vector<int>> frameIdsSeenBy(const std::string& launch, const std::vector<std::string>& sinkNames) {
-    GError* error = nullptr;
-    GstElement* pipeline = gst_parse_launch(launch.c_str(), &error);
+std::vector<std::vector<int>> frameIdsSeenBy(const std::string &launch, const std::vector<std::string> &sinkNames) {
+    GError *error = nullptr;
+    GstElement *pipeline = gst_parse_launch(launch.c_str(), &error);
     EXPECT_EQ(error, nullptr) << (error ? error->message : "");
     if (pipeline == nullptr) {
         return {};
     }
-    GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "in");
+    GstElement *src = gst_bin_get_by_name(GST_BIN(pipeline), "in");
     EXPECT_EQ(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
 
-    GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 8 * 8 * 3 / 2, nullptr);
+    GstBuffer *buffer = gst_buffer_new_allocate(nullptr, 8 * 8 * 3 / 2, nullptr);
     gst_buffer_memset(buffer, 0, 0x80, 8 * 8 * 3 / 2);
     GST_BUFFER_PTS(buffer) = 0;
     GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
@@ -203,11 +204,11 @@ std::vector<std::vector<int>> frameIdsSeenBy(const std::string& launch, const st
     gst_app_src_end_of_stream(GST_APP_SRC(src));
 
     std::vector<std::vector<int>> seen;
-    for (const std::string& name : sinkNames) {
-        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
+    for (const std::string &name : sinkNames) {
+        GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
         std::vector<int> ids;
-        while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
-            GstQxBatchMeta* batch = gst_buffer_get_qx_batch_meta(gst_sample_get_buffer(sample));
+        while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+            GstQxBatchMeta *batch = gst_buffer_get_qx_batch_meta(gst_sample_get_buffer(sample));
             ids.push_back(batch && !batch->frames.empty() ? batch->frames[0].frame_id : -1);
             gst_sample_unref(sample);
         }
@@ -223,7 +224,7 @@ std::vector<std::vector<int>> frameIdsSeenBy(const std::string& launch, const st
 TEST_F(BatchMetaTest, PipelineElementsPassTheRecordOn) {
     const std::string caps = "video/x-raw,format=I420,width=8,height=8,framerate=30/1";
     struct Case {
-        const char* what;
+        const char *what;
         std::string launch;
         std::vector<std::string> sinks;
     };
@@ -233,14 +234,15 @@ TEST_F(BatchMetaTest, PipelineElementsPassTheRecordOn) {
              " ! tee name=t t. ! queue ! appsink name=a sync=false t. ! queue ! appsink name=b sync=false",
          {"a", "b"}},
         {"videoconvert to another format",
-         "appsrc name=in format=time caps=" + caps + " ! videoconvert ! video/x-raw,format=BGR ! appsink name=a sync=false",
+         "appsrc name=in format=time caps=" + caps +
+             " ! videoconvert ! video/x-raw,format=BGR ! appsink name=a sync=false",
          {"a"}},
     };
-    for (const Case& c : cases) {
+    for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         const auto seen = frameIdsSeenBy(c.launch, c.sinks);
         ASSERT_EQ(seen.size(), c.sinks.size());
-        for (const auto& ids : seen) {
+        for (const auto &ids : seen) {
             EXPECT_EQ(ids, std::vector<int>{42});
         }
     }

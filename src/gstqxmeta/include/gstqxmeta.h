@@ -100,13 +100,13 @@ GType gst_qx_batch_meta_api_get_type(void);
 
 // The meta implementation: init leaves both lists empty, free destroys them,
 // and buffer copies (also by tee and queue) copy the record. Thread-safe.
-const GstMetaInfo* gst_qx_batch_meta_get_info(void);
+const GstMetaInfo *gst_qx_batch_meta_get_info(void);
 
 // The buffer's batch record, or NULL when it carries none.
-GstQxBatchMeta* gst_buffer_get_qx_batch_meta(GstBuffer* buffer);
+GstQxBatchMeta *gst_buffer_get_qx_batch_meta(GstBuffer *buffer);
 
 // Attaches a new, empty batch record (the buffer must be writable).
-GstQxBatchMeta* gst_buffer_add_qx_batch_meta(GstBuffer* buffer);
+GstQxBatchMeta *gst_buffer_add_qx_batch_meta(GstBuffer *buffer);
 
 G_END_DECLS
 

@@ -21,27 +21,27 @@
 
 namespace {
 
-GstPadProbeReturn attachPlan(GstPad* pad, GstPadProbeInfo* info, gpointer) {
-    GstBuffer* buffer = gst_pad_probe_info_get_buffer(info);
+GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer) {
+    GstBuffer *buffer = gst_pad_probe_info_get_buffer(info);
     if (buffer == nullptr) return GST_PAD_PROBE_OK;
     buffer = gst_buffer_make_writable(buffer);
     GST_PAD_PROBE_INFO_DATA(info) = buffer;
     int width = 0;
     int height = 0;
-    if (GstCaps* caps = gst_pad_get_current_caps(pad)) {
-        GstStructure* s = gst_caps_get_structure(caps, 0);
+    if (GstCaps *caps = gst_pad_get_current_caps(pad)) {
+        GstStructure *s = gst_caps_get_structure(caps, 0);
         gst_structure_get_int(s, "width", &width);
         gst_structure_get_int(s, "height", &height);
         gst_caps_unref(caps);
     }
-    GstQxBatchMeta* batch = gst_buffer_add_qx_batch_meta(buffer);
+    GstQxBatchMeta *batch = gst_buffer_add_qx_batch_meta(buffer);
     sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
     return GST_PAD_PROBE_OK;
 }
 
 } // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
     gst_init(&argc, &argv);
     if (argc < 2) {
         std::fprintf(stderr, "usage: sink_pipeline LAUNCH [--meta] [--retag NAMES] [--go FILE]\n");
@@ -62,19 +62,19 @@ int main(int argc, char** argv) {
             goFile = argv[++i];
         }
     }
-    GError* error = nullptr;
-    GstElement* pipeline = gst_parse_launch(argv[1], &error);
+    GError *error = nullptr;
+    GstElement *pipeline = gst_parse_launch(argv[1], &error);
     if (pipeline == nullptr || error != nullptr) {
         std::fprintf(stderr, "launch failed: %s\n", error ? error->message : "?");
         return 64;
     }
-    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
     if (sink == nullptr) {
         std::fprintf(stderr, "no element named sink\n");
         return 64;
     }
     if (meta) {
-        GstPad* pad = gst_element_get_static_pad(sink, "sink");
+        GstPad *pad = gst_element_get_static_pad(sink, "sink");
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, nullptr, nullptr);
         gst_object_unref(pad);
     }
@@ -94,15 +94,15 @@ int main(int argc, char** argv) {
         }
     }
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* message = gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND,
+    GstBus *bus = gst_element_get_bus(pipeline);
+    GstMessage *message = gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND,
                                                      static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     int status = 2;
     if (message != nullptr && GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
         status = 0;
     } else if (message != nullptr) {
-        GError* failure = nullptr;
-        gchar* details = nullptr;
+        GError *failure = nullptr;
+        gchar *details = nullptr;
         gst_message_parse_error(message, &failure, &details);
         std::fprintf(stderr, "pipeline error: %s (%s)\n", failure ? failure->message : "?", details ? details : "");
         g_clear_error(&failure);

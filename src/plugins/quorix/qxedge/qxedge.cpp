@@ -10,7 +10,7 @@
 
 GST_DEBUG_CATEGORY_STATIC(qx_edge_debug);
 
-static gboolean plugin_init(GstPlugin* plugin) {
+static gboolean plugin_init(GstPlugin *plugin) {
     if (qx_edge_debug == nullptr) {
         GST_DEBUG_CATEGORY_INIT(qx_edge_debug, "[edge debug]", 0, "Edge plugins");
     }

@@ -21,31 +21,31 @@ enum { PROP_0, PROP_TAGGROUPS, PROP_CONTEXT_ID };
 // Kept as one string, word for word: the source element advertises the same
 // caps so the two ends of the bus agree on what they carry.
 #define QX_EDGE_VIDEO_CAPS                                                                                             \
-    "video/x-raw, format = (string) {I420,NV12,BGR}, width = (int) [ 1, max ], height = (int) [ 1, max ], framerate " \
-    "= (fraction) [ 0, max ];image/jpeg, width = (int) [ 16, 65535 ], height = (int) [ 16, 65535 ], framerate = "     \
+    "video/x-raw, format = (string) {I420,NV12,BGR}, width = (int) [ 1, max ], height = (int) [ 1, max ], framerate "  \
+    "= (fraction) [ 0, max ];image/jpeg, width = (int) [ 16, 65535 ], height = (int) [ 16, 65535 ], framerate = "      \
     "(fraction) [ 0/1, MAX ], sof-marker = (int) { 0, 1, 2, 4, 9 };image/png;image/jpeg"
 
 static GstStaticPadTemplate qx_edgesink_sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(QX_EDGE_VIDEO_CAPS));
 
-static void qx_edgesink_set_property(GObject* object, guint property_id, const GValue* value, GParamSpec* pspec);
-static void qx_edgesink_get_property(GObject* object, guint property_id, GValue* value, GParamSpec* pspec);
-static void qx_edgesink_constructed(GObject* object);
-static void qx_edgesink_finalize(GObject* object);
-static GstStateChangeReturn qx_edgesink_change_state(GstElement* element, GstStateChange transition);
-static gboolean qx_edgesink_setcaps(GstBaseSink* basesink, GstCaps* caps);
-static GstFlowReturn qx_edgesink_write_data(GstVideoSink* videosink, GstBuffer* buffer);
-static gboolean qx_edgesink_open(QxEdgeSink* sink);
+static void qx_edgesink_set_property(GObject *object, guint property_id, const GValue *value, GParamSpec *pspec);
+static void qx_edgesink_get_property(GObject *object, guint property_id, GValue *value, GParamSpec *pspec);
+static void qx_edgesink_constructed(GObject *object);
+static void qx_edgesink_finalize(GObject *object);
+static GstStateChangeReturn qx_edgesink_change_state(GstElement *element, GstStateChange transition);
+static gboolean qx_edgesink_setcaps(GstBaseSink *basesink, GstCaps *caps);
+static GstFlowReturn qx_edgesink_write_data(GstVideoSink *videosink, GstBuffer *buffer);
+static gboolean qx_edgesink_open(QxEdgeSink *sink);
 
 G_DEFINE_TYPE_WITH_CODE(QxEdgeSink, qx_edgesink, GST_TYPE_VIDEO_SINK,
                         GST_DEBUG_CATEGORY_INIT(qx_edgesink_debug_category, "qxedgesink", 0,
                                                 "debug category for qxedgesink element"))
 
-static void qx_edgesink_class_init(QxEdgeSinkClass* klass) {
-    GObjectClass* gobject_class = G_OBJECT_CLASS(klass);
-    GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
-    GstBaseSinkClass* base_sink_class = GST_BASE_SINK_CLASS(klass);
-    GstVideoSinkClass* video_sink_class = GST_VIDEO_SINK_CLASS(klass);
+static void qx_edgesink_class_init(QxEdgeSinkClass *klass) {
+    GObjectClass *gobject_class = G_OBJECT_CLASS(klass);
+    GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+    GstBaseSinkClass *base_sink_class = GST_BASE_SINK_CLASS(klass);
+    GstVideoSinkClass *video_sink_class = GST_VIDEO_SINK_CLASS(klass);
 
     gobject_class->set_property = qx_edgesink_set_property;
     gobject_class->get_property = qx_edgesink_get_property;
@@ -56,9 +56,9 @@ static void qx_edgesink_class_init(QxEdgeSinkClass* klass) {
     g_object_class_install_property(
         gobject_class, PROP_TAGGROUPS,
         g_param_spec_string("taggroups", "Taggroups", tag_group_usage_manual("sink"), "", flags));
-    g_object_class_install_property(gobject_class, PROP_CONTEXT_ID,
-                                    g_param_spec_string("context-id", "context-id",
-                                                        "Identify to the class of a thing for publishing.", "", flags));
+    g_object_class_install_property(
+        gobject_class, PROP_CONTEXT_ID,
+        g_param_spec_string("context-id", "context-id", "Identify to the class of a thing for publishing.", "", flags));
 
     gst_element_class_add_static_pad_template(element_class, &qx_edgesink_sink_template);
     // "An" is how the product has always introduced itself; kept.
@@ -70,7 +70,7 @@ static void qx_edgesink_class_init(QxEdgeSinkClass* klass) {
     video_sink_class->show_frame = GST_DEBUG_FUNCPTR(qx_edgesink_write_data);
 }
 
-static void qx_edgesink_init(QxEdgeSink* sink) {
+static void qx_edgesink_init(QxEdgeSink *sink) {
     gst_video_info_init(&sink->info);
     sink->encoded = 0;
     sink->priv = new QxEdgeSinkPrivate();
@@ -78,7 +78,7 @@ static void qx_edgesink_init(QxEdgeSink* sink) {
     sink->priv->uni = false;
 }
 
-static void qx_edgesink_constructed(GObject* object) {
+static void qx_edgesink_constructed(GObject *object) {
     G_OBJECT_CLASS(qx_edgesink_parent_class)->constructed(object);
     // Every frame must reach the bus exactly once. The video sink base would
     // show the preroll buffer and render it again, and would drop frames that
@@ -88,8 +88,8 @@ static void qx_edgesink_constructed(GObject* object) {
     g_object_set(object, "show-preroll-frame", FALSE, "max-lateness", static_cast<gint64>(-1), "qos", FALSE, nullptr);
 }
 
-static void qx_edgesink_finalize(GObject* object) {
-    QxEdgeSink* sink = QX_EDGESINK(object);
+static void qx_edgesink_finalize(GObject *object) {
+    QxEdgeSink *sink = QX_EDGESINK(object);
     // The last reference to the session goes with the private part.
     try {
         delete sink->priv;
@@ -99,7 +99,7 @@ static void qx_edgesink_finalize(GObject* object) {
     G_OBJECT_CLASS(qx_edgesink_parent_class)->finalize(object);
 }
 
-static std::string joinTagGroups(const std::vector<std::string>& names) {
+static std::string joinTagGroups(const std::vector<std::string> &names) {
     std::string joined;
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (i > 0) joined += "+";
@@ -108,13 +108,13 @@ static std::string joinTagGroups(const std::vector<std::string>& names) {
     return joined;
 }
 
-static void qx_edgesink_set_property(GObject* object, guint property_id, const GValue* value, GParamSpec* pspec) {
-    QxEdgeSink* sink = QX_EDGESINK(object);
-    QxEdgeSinkPrivate* priv = sink->priv;
+static void qx_edgesink_set_property(GObject *object, guint property_id, const GValue *value, GParamSpec *pspec) {
+    QxEdgeSink *sink = QX_EDGESINK(object);
+    QxEdgeSinkPrivate *priv = sink->priv;
     try {
         switch (property_id) {
         case PROP_TAGGROUPS: {
-            const gchar* text = g_value_get_string(value);
+            const gchar *text = g_value_get_string(value);
             const std::string names = text != nullptr ? text : "";
             if (names == "uni") {
                 // Appended, not replacing: users who set "uni" twice get it twice, as always.
@@ -126,7 +126,7 @@ static void qx_edgesink_set_property(GObject* object, guint property_id, const G
             break;
         }
         case PROP_CONTEXT_ID: {
-            const gchar* text = g_value_get_string(value);
+            const gchar *text = g_value_get_string(value);
             priv->context_id = text != nullptr ? text : "";
             break;
         }
@@ -134,14 +134,14 @@ static void qx_edgesink_set_property(GObject* object, guint property_id, const G
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, property_id, pspec);
             break;
         }
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         GST_ERROR_OBJECT(sink, "could not set property %s: %s", pspec->name, e.what());
     }
 }
 
-static void qx_edgesink_get_property(GObject* object, guint property_id, GValue* value, GParamSpec* pspec) {
-    QxEdgeSink* sink = QX_EDGESINK(object);
-    QxEdgeSinkPrivate* priv = sink->priv;
+static void qx_edgesink_get_property(GObject *object, guint property_id, GValue *value, GParamSpec *pspec) {
+    QxEdgeSink *sink = QX_EDGESINK(object);
+    QxEdgeSinkPrivate *priv = sink->priv;
     try {
         switch (property_id) {
         case PROP_TAGGROUPS:
@@ -154,13 +154,13 @@ static void qx_edgesink_get_property(GObject* object, guint property_id, GValue*
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, property_id, pspec);
             break;
         }
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         GST_ERROR_OBJECT(sink, "could not read property %s: %s", pspec->name, e.what());
     }
 }
 
-static gboolean qx_edgesink_setcaps(GstBaseSink* basesink, GstCaps* caps) {
-    QxEdgeSink* sink = QX_EDGESINK(basesink);
+static gboolean qx_edgesink_setcaps(GstBaseSink *basesink, GstCaps *caps) {
+    QxEdgeSink *sink = QX_EDGESINK(basesink);
     GstVideoInfo info;
     if (!gst_video_info_from_caps(&info, caps)) {
         GST_DEBUG_OBJECT(sink, "invalid caps");
@@ -170,8 +170,8 @@ static gboolean qx_edgesink_setcaps(GstBaseSink* basesink, GstCaps* caps) {
     return TRUE;
 }
 
-static gboolean qx_edgesink_open(QxEdgeSink* sink) {
-    QxEdgeSinkPrivate* priv = sink->priv;
+static gboolean qx_edgesink_open(QxEdgeSink *sink) {
+    QxEdgeSinkPrivate *priv = sink->priv;
     if (priv->opened) {
         return TRUE;
     }
@@ -179,7 +179,7 @@ static gboolean qx_edgesink_open(QxEdgeSink* sink) {
     try {
         const std::string tagGroupFile = priv->uni ? "definitions/TagGroup/com.vision.data/IXOPipeTagGroup.json"
                                                    : "definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json";
-        const char* propertyOverride = std::getenv("EDGE_PROPERTY");
+        const char *propertyOverride = std::getenv("EDGE_PROPERTY");
         const std::string propertyFile =
             propertyOverride != nullptr ? propertyOverride : "config/VideoFrameThingOutProperties.json";
         if (priv->uni && !priv->context_id.empty()) {
@@ -206,7 +206,7 @@ static gboolean qx_edgesink_open(QxEdgeSink* sink) {
     return TRUE;
 }
 
-static gboolean qx_edgesink_close(QxEdgeSink* sink) {
+static gboolean qx_edgesink_close(QxEdgeSink *sink) {
     // The session and the opened flag are kept on purpose: a later
     // NULL->READY reuses this element's session instead of opening another.
     if (!sink->priv->edge) {
@@ -214,14 +214,14 @@ static gboolean qx_edgesink_close(QxEdgeSink* sink) {
     }
     try {
         return sink->priv->edge->deinit() ? TRUE : FALSE;
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         GST_ERROR_OBJECT(sink, "closing the bus session failed: %s", e.what());
         return FALSE;
     }
 }
 
-static GstStateChangeReturn qx_edgesink_change_state(GstElement* element, GstStateChange transition) {
-    QxEdgeSink* sink = QX_EDGESINK(element);
+static GstStateChangeReturn qx_edgesink_change_state(GstElement *element, GstStateChange transition) {
+    QxEdgeSink *sink = QX_EDGESINK(element);
     switch (transition) {
     case GST_STATE_CHANGE_NULL_TO_READY:
         if (!qx_edgesink_open(sink)) {
@@ -239,8 +239,8 @@ static GstStateChangeReturn qx_edgesink_change_state(GstElement* element, GstSta
     return GST_ELEMENT_CLASS(qx_edgesink_parent_class)->change_state(element, transition);
 }
 
-static GstFlowReturn qx_edgesink_write_data(GstVideoSink* videosink, GstBuffer* buffer) {
-    QxEdgeSink* sink = QX_EDGESINK(videosink);
+static GstFlowReturn qx_edgesink_write_data(GstVideoSink *videosink, GstBuffer *buffer) {
+    QxEdgeSink *sink = QX_EDGESINK(videosink);
     GstVideoFrame frame;
     if (!gst_video_frame_map(&frame, &sink->info, buffer, GST_MAP_READ)) {
         GST_DEBUG_OBJECT(sink, "invalid frame");
@@ -248,7 +248,7 @@ static GstFlowReturn qx_edgesink_write_data(GstVideoSink* videosink, GstBuffer* 
     }
     sink->priv->width = GST_VIDEO_INFO_WIDTH(&sink->info);
     sink->priv->height = GST_VIDEO_INFO_HEIGHT(&sink->info);
-    const gchar* formatName = GST_VIDEO_INFO_NAME(&frame.info);
+    const gchar *formatName = GST_VIDEO_INFO_NAME(&frame.info);
     sink->encoded = g_strcmp0(formatName, "ENCODED") == 0 ? 1 : 0;
     GST_INFO_OBJECT(sink, "Call paddingData in qx_edgesink_write_data");
     try {

@@ -40,5 +40,5 @@ struct _QxEdgeSink {
     GstVideoInfo info;
     // 1 while the frame being handled is an encoded picture (format "ENCODED").
     gint encoded;
-    QxEdgeSinkPrivate* priv;
+    QxEdgeSinkPrivate *priv;
 };

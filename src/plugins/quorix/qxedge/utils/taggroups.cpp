@@ -8,18 +8,18 @@
 
 namespace {
 
-std::string buildUsage(const std::string& role) {
+std::string buildUsage(const std::string &role) {
     std::string text = "Provide the tag groups name you want to use. Example: taggroups=VideoFrameData.\n";
     text += "\t\t\tIf there are more than one tage group used, please use the delimiter '+' to separate them. Just "
             "like: taggroups=VideoFrameData+ClassificationData.";
-    static const std::pair<const char*, const char*> groups[] = {
+    static const std::pair<const char *, const char *> groups[] = {
         {"=> VideoFrameData", "\t\t For publishing image data to edge marlet."},
         {"=> DetectionBoxData", "\t\t For publishing detection inference result to edge marlet."},
         {"=> SegmentationData", "\t\t For publishing segmentation inference result to edge marlet."},
         {"=> ClassificationData", "\t\t For publishing classification inference result to edge marlet."},
         {"=> DeviceInfoData", "\t\t For publishing camera device information to edge marlet."},
     };
-    for (const auto& [name, description] : groups) {
+    for (const auto &[name, description] : groups) {
         text += "\n\t\t\t";
         text += name;
         text += ":";
@@ -43,7 +43,7 @@ std::string buildUsage(const std::string& role) {
 
 } // namespace
 
-const char* tag_group_usage_manual(std::string role) {
+const char *tag_group_usage_manual(std::string role) {
     // One text per role, built once and never freed: GObject holds the
     // pointer for the life of the class. Map nodes never move, so c_str() stays valid.
     static std::mutex mutex;
@@ -56,7 +56,7 @@ const char* tag_group_usage_manual(std::string role) {
     return it->second.c_str();
 }
 
-std::vector<std::string> split(const char* text) {
+std::vector<std::string> split(const char *text) {
     const std::string input = text != nullptr ? text : "";
     static const std::regex delimiter("\\++", std::regex::ECMAScript);
     std::vector<std::string> names;

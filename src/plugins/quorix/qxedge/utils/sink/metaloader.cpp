@@ -14,33 +14,33 @@
 namespace {
 
 // Peers match on these exact values; they are part of what subscribers see.
-const char* const kFillerStreamId = "b5d84236-a23d-49fc-a574-e0cd944490bb";
-const char* const kNotSet = "Not Set";
-const char* const kFillerAddress = "XXXXXXXXXXXXXXXXXXXX";
-const char* const kFillerManufacturer = "QUORIX";
-const char* const kFillerModel = "VIDEO Streamer";
-const char* const kFillerFirmware = "v1.0";
-const char* const kFillerDeviceId = "DDS";
-const char* const kFillerStatus = "com.vision.models.DEVICE_STATUS_ONLINE";
-const char* const kFillerKind = "com.vision.models.DEVICE_KIND_UNKNOWN";
-const char* const kFillerProtocol = "com.vision.models.INTERFACE_DDS";
-const char* const kCompressionJpg = "com.vision.models.COMPRESSION_KIND_JPG";
-const char* const kCompressionNone = "com.vision.models.COMPRESSION_KIND_NONE";
-const char* const kPipelinePixelFormat = "com.vision.models.PIXEL_FORMAT_RGB8";
-const char* const kFillerClassificationLabel = "[fake] test classification label string";
-const char* const kFillerDetectionLabel = "[fake] test detection label string";
-const char* const kFillerSegmentLabels[] = {"bike", "motor", "car", "background"};
+const char *const kFillerStreamId = "b5d84236-a23d-49fc-a574-e0cd944490bb";
+const char *const kNotSet = "Not Set";
+const char *const kFillerAddress = "XXXXXXXXXXXXXXXXXXXX";
+const char *const kFillerManufacturer = "QUORIX";
+const char *const kFillerModel = "VIDEO Streamer";
+const char *const kFillerFirmware = "v1.0";
+const char *const kFillerDeviceId = "DDS";
+const char *const kFillerStatus = "com.vision.models.DEVICE_STATUS_ONLINE";
+const char *const kFillerKind = "com.vision.models.DEVICE_KIND_UNKNOWN";
+const char *const kFillerProtocol = "com.vision.models.INTERFACE_DDS";
+const char *const kCompressionJpg = "com.vision.models.COMPRESSION_KIND_JPG";
+const char *const kCompressionNone = "com.vision.models.COMPRESSION_KIND_NONE";
+const char *const kPipelinePixelFormat = "com.vision.models.PIXEL_FORMAT_RGB8";
+const char *const kFillerClassificationLabel = "[fake] test classification label string";
+const char *const kFillerDetectionLabel = "[fake] test detection label string";
+const char *const kFillerSegmentLabels[] = {"bike", "motor", "car", "background"};
 constexpr std::uint32_t kFillerSegmentSide = 100;
 
 // What the loader may use from one batch, decided once per call.
 struct Sources {
-    const VideoFrameData* frame = nullptr;
-    const DeviceInfoData* device = nullptr;
+    const VideoFrameData *frame = nullptr;
+    const DeviceInfoData *device = nullptr;
     std::uint32_t fillerFrameId = 0;
     std::uint32_t fillerChannels = 0;
 };
 
-Sources decideSources(GstQxBatchMeta* meta, QxEdgeSink* sink, const GstVideoFrame& frame) {
+Sources decideSources(GstQxBatchMeta *meta, QxEdgeSink *sink, const GstVideoFrame &frame) {
     Sources sources;
     sources.fillerFrameId = static_cast<std::uint32_t>(GST_BUFFER_OFFSET(frame.buffer));
     sources.fillerChannels = GST_VIDEO_FRAME_N_COMPONENTS(&frame);
@@ -68,7 +68,7 @@ Sources decideSources(GstQxBatchMeta* meta, QxEdgeSink* sink, const GstVideoFram
 }
 
 // FrameInfo and the combined record's video entry share these members.
-template <typename VideoRecord> void loadVideo(QxEdgeSink* sink, const Sources& sources, VideoRecord& target) {
+template <typename VideoRecord> void loadVideo(QxEdgeSink *sink, const Sources &sources, VideoRecord &target) {
     if (sources.frame == nullptr) {
         GST_INFO_OBJECT(sink, "VideoFrameData use fake information.");
         target.stream_id = kFillerStreamId;
@@ -81,7 +81,7 @@ template <typename VideoRecord> void loadVideo(QxEdgeSink* sink, const Sources& 
         return;
     }
     GST_INFO_OBJECT(sink, "VideoFrameData use metadata from pipeline.");
-    const VideoFrameData& frame = *sources.frame;
+    const VideoFrameData &frame = *sources.frame;
     target.stream_id = frame.stream_id;
     target.frame_id = static_cast<std::uint32_t>(frame.frame_id);
     target.timestamp = static_cast<std::int64_t>(frame.timestamp);
@@ -92,9 +92,9 @@ template <typename VideoRecord> void loadVideo(QxEdgeSink* sink, const Sources& 
     target.format = kPipelinePixelFormat;
 }
 
-std::string orNotSet(const std::string& text) { return text.empty() ? kNotSet : text; }
+std::string orNotSet(const std::string &text) { return text.empty() ? kNotSet : text; }
 
-template <typename DeviceRecord> void loadDevice(QxEdgeSink* sink, const Sources& sources, DeviceRecord& target) {
+template <typename DeviceRecord> void loadDevice(QxEdgeSink *sink, const Sources &sources, DeviceRecord &target) {
     if (sources.device == nullptr) {
         GST_INFO_OBJECT(sink, "DeviceInfoData use fake information.");
         target.stream_id = kFillerStreamId;
@@ -113,7 +113,7 @@ template <typename DeviceRecord> void loadDevice(QxEdgeSink* sink, const Sources
         return;
     }
     GST_INFO_OBJECT(sink, "DeviceInfoData use metadata from pipeline.");
-    const DeviceInfoData& device = *sources.device;
+    const DeviceInfoData &device = *sources.device;
     target.stream_id = orNotSet(device.stream_id);
     target.mac_address = orNotSet(device.mac_address);
     target.ip_address = orNotSet(device.ip_address);
@@ -129,7 +129,7 @@ template <typename DeviceRecord> void loadDevice(QxEdgeSink* sink, const Sources
     target.protocol = orNotSet(device.protocol);
 }
 
-bool sameSegment(const quorix::ai::SegmentResult& a, const quorix::ai::SegmentResult& b) {
+bool sameSegment(const quorix::ai::SegmentResult &a, const quorix::ai::SegmentResult &b) {
     return a.class_id == b.class_id && a.prob == b.prob && a.label == b.label;
 }
 
@@ -137,11 +137,11 @@ bool sameSegment(const quorix::ai::SegmentResult& a, const quorix::ai::SegmentRe
 // in a row becomes one element with repeat = run length; width and height
 // give the map's shape so subscribers can rebuild the rows.
 template <typename Element>
-void appendSegmentRuns(const std::vector<std::vector<quorix::ai::SegmentResult>>& rows, std::vector<Element>& out) {
+void appendSegmentRuns(const std::vector<std::vector<quorix::ai::SegmentResult>> &rows, std::vector<Element> &out) {
     const auto width = static_cast<std::uint32_t>(rows.empty() ? 0 : rows.front().size());
     const auto height = static_cast<std::uint32_t>(rows.size());
     std::uint32_t id = 0;
-    for (const auto& row : rows) {
+    for (const auto &row : rows) {
         std::size_t start = 0;
         while (start < row.size()) {
             std::size_t end = start + 1;
@@ -164,16 +164,16 @@ void appendSegmentRuns(const std::vector<std::vector<quorix::ai::SegmentResult>>
     }
 }
 
-std::size_t segmentPixels(const VideoFrameData& frame) {
+std::size_t segmentPixels(const VideoFrameData &frame) {
     std::size_t pixels = 0;
-    for (const auto& row : frame.seg_results) {
+    for (const auto &row : frame.seg_results) {
         pixels += row.size();
     }
     return pixels;
 }
 
-void loadClassification(QxEdgeSink* sink, const Sources& sources,
-                        TOLVIXO::Information<TOLVIXO::ClassificationData>& target) {
+void loadClassification(QxEdgeSink *sink, const Sources &sources,
+                        TOLVIXO::Information<TOLVIXO::ClassificationData> &target) {
     if (sources.frame == nullptr) {
         GST_INFO_OBJECT(sink, "ClassificationData use fake information.");
         target.stream_id = kFillerStreamId;
@@ -190,7 +190,7 @@ void loadClassification(QxEdgeSink* sink, const Sources& sources,
     GST_INFO_OBJECT(sink, "ClassificationData use metadata from pipeline.");
     target.stream_id = sources.frame->stream_id;
     target.frame_id = static_cast<std::uint32_t>(sources.frame->frame_id);
-    for (const auto& result : sources.frame->class_results) {
+    for (const auto &result : sources.frame->class_results) {
         TOLVIXO::ClassificationData element;
         element.index = result.index;
         element.output = result.output;
@@ -200,7 +200,7 @@ void loadClassification(QxEdgeSink* sink, const Sources& sources,
     }
 }
 
-void loadDetection(QxEdgeSink* sink, const Sources& sources, TOLVIXO::Information<TOLVIXO::DetectionBoxData>& target) {
+void loadDetection(QxEdgeSink *sink, const Sources &sources, TOLVIXO::Information<TOLVIXO::DetectionBoxData> &target) {
     if (sources.frame == nullptr) {
         GST_INFO_OBJECT(sink, "DetectionBoxData use fake information.");
         target.stream_id = kFillerStreamId;
@@ -223,7 +223,7 @@ void loadDetection(QxEdgeSink* sink, const Sources& sources, TOLVIXO::Informatio
     GST_INFO_OBJECT(sink, "DetectionBoxData use metadata from pipeline.");
     target.stream_id = sources.frame->stream_id;
     target.frame_id = static_cast<std::uint32_t>(sources.frame->frame_id);
-    for (const auto& result : sources.frame->det_results) {
+    for (const auto &result : sources.frame->det_results) {
         TOLVIXO::DetectionBoxData box;
         box.obj_id = result.obj_id;
         box.obj_label = result.obj_label;
@@ -239,7 +239,7 @@ void loadDetection(QxEdgeSink* sink, const Sources& sources, TOLVIXO::Informatio
     }
 }
 
-void loadSegmentation(QxEdgeSink* sink, const Sources& sources, TOLVIXO::SegmentInfo& target) {
+void loadSegmentation(QxEdgeSink *sink, const Sources &sources, TOLVIXO::SegmentInfo &target) {
     target.inference_id = 0;
     if (sources.frame == nullptr) {
         GST_INFO_OBJECT(sink, "SegmentationData use fake information.");
@@ -271,12 +271,12 @@ void loadSegmentation(QxEdgeSink* sink, const Sources& sources, TOLVIXO::Segment
     appendSegmentRuns(sources.frame->seg_results, target.data);
 }
 
-void loadUni(QxEdgeSink* sink, const Sources& sources, TOLVIXO::UniInfo& target) {
+void loadUni(QxEdgeSink *sink, const Sources &sources, TOLVIXO::UniInfo &target) {
     const std::string engineId = sink->priv->edge ? sink->priv->edge->thingId : std::string();
     // Padding writes the picture into videoList[0] unconditionally, so the
     // loader always leaves exactly one video entry (the frame) and one device.
     target.videoList.resize(1);
-    TOLVIXO::IXO_VideoFrameData& video = target.videoList.front();
+    TOLVIXO::IXO_VideoFrameData &video = target.videoList.front();
     loadVideo(sink, sources, video);
 
     TOLVIXO::IXO_DeviceInfoData device;
@@ -284,7 +284,7 @@ void loadUni(QxEdgeSink* sink, const Sources& sources, TOLVIXO::UniInfo& target)
     target.deviceList.clear();
     target.deviceList.push_back(std::move(device));
 
-    const VideoFrameData* frame = sources.frame;
+    const VideoFrameData *frame = sources.frame;
     GST_INFO_OBJECT(sink, "There are %d classification results in pipeline metadata.",
                     frame ? static_cast<int>(frame->class_results.size()) : 0);
     GST_INFO_OBJECT(sink, "There are %d detection results in pipeline metadata.",
@@ -294,7 +294,7 @@ void loadUni(QxEdgeSink* sink, const Sources& sources, TOLVIXO::UniInfo& target)
     if (frame == nullptr) {
         return;
     }
-    for (const auto& result : frame->class_results) {
+    for (const auto &result : frame->class_results) {
         TOLVIXO::IXO_ClassificationData element;
         element.engine_id = engineId;
         element.index = static_cast<std::uint32_t>(result.index);
@@ -303,7 +303,7 @@ void loadUni(QxEdgeSink* sink, const Sources& sources, TOLVIXO::UniInfo& target)
         element.probability = result.prob;
         video.classificationResult.push_back(std::move(element));
     }
-    for (const auto& result : frame->det_results) {
+    for (const auto &result : frame->det_results) {
         TOLVIXO::IXO_DetectionBoxData box;
         box.engine_id = engineId;
         box.obj_id = static_cast<std::uint32_t>(result.obj_id);
@@ -323,9 +323,9 @@ void loadUni(QxEdgeSink* sink, const Sources& sources, TOLVIXO::UniInfo& target)
 
 } // namespace
 
-void metaloader(GstQxBatchMeta* meta, QxEdgeSink* sink, GstVideoFrame frame, std::string taggroup) {
+void metaloader(GstQxBatchMeta *meta, QxEdgeSink *sink, GstVideoFrame frame, std::string taggroup) {
     const Sources sources = decideSources(meta, sink, frame);
-    QxEdgeSinkPrivate* priv = sink->priv;
+    QxEdgeSinkPrivate *priv = sink->priv;
     const std::string engineId = priv->edge ? priv->edge->thingId : std::string();
     switch (hash_(taggroup.c_str())) {
     case hash_("VideoFrameData"):

@@ -11,4 +11,4 @@
 #include "qxedgesink.h"
 
 // meta may be null. Appends to result lists; the caller empties them.
-void metaloader(GstQxBatchMeta* meta, QxEdgeSink* sink, GstVideoFrame frame, std::string taggroup);
+void metaloader(GstQxBatchMeta *meta, QxEdgeSink *sink, GstVideoFrame frame, std::string taggroup);

@@ -20,14 +20,14 @@
 
 namespace {
 
-const char* const kCompressionNone = "com.vision.models.COMPRESSION_KIND_NONE";
-const char* const kCompressionEncoded = "com.vision.models.COMPRESSION_KIND_GST_ENCODED";
+const char *const kCompressionNone = "com.vision.models.COMPRESSION_KIND_NONE";
+const char *const kCompressionEncoded = "com.vision.models.COMPRESSION_KIND_GST_ENCODED";
 // The bytes are B,G,R although the token says RGB; subscribers rely on both.
-const char* const kPixelFormatRgb8 = "com.vision.models.PIXEL_FORMAT_RGB8";
+const char *const kPixelFormatRgb8 = "com.vision.models.PIXEL_FORMAT_RGB8";
 
 // Bounds-checked stores: a picture that does not fit the record must fail
 // the frame, never write past the buffer.
-void storeRow(std::vector<unsigned char>& data, std::size_t at, const unsigned char* row, std::size_t length) {
+void storeRow(std::vector<unsigned char> &data, std::size_t at, const unsigned char *row, std::size_t length) {
     if (at > data.size() || length > data.size() - at) {
         throw std::out_of_range("picture row at " + std::to_string(at) + " does not fit " +
                                 std::to_string(data.size()) + " bytes");
@@ -35,14 +35,14 @@ void storeRow(std::vector<unsigned char>& data, std::size_t at, const unsigned c
     std::memcpy(data.data() + at, row, length);
 }
 
-std::vector<unsigned char>& pictureOf(QxEdgeSinkPrivate* priv, int toUni) {
+std::vector<unsigned char> &pictureOf(QxEdgeSinkPrivate *priv, int toUni) {
     if (toUni == 1) {
         return priv->uniInfo.videoList.at(0).data;
     }
     return priv->frameInfo.data;
 }
 
-void copyConverted(const cv::Mat& bgr, int width, int height, std::vector<unsigned char>& data) {
+void copyConverted(const cv::Mat &bgr, int width, int height, std::vector<unsigned char> &data) {
     const std::size_t rowBytes = static_cast<std::size_t>(width) * 3;
     for (int r = 0; r < height; ++r) {
         storeRow(data, static_cast<std::size_t>(r) * rowBytes, bgr.ptr<unsigned char>(r), rowBytes);
@@ -50,8 +50,8 @@ void copyConverted(const cv::Mat& bgr, int width, int height, std::vector<unsign
 }
 
 template <typename VideoRecord>
-void fillPicture(QxEdgeSink* sink, const GstVideoFrame& frame, GstBuffer* buffer, VideoRecord& target, int toUni) {
-    QxEdgeSinkPrivate* priv = sink->priv;
+void fillPicture(QxEdgeSink *sink, const GstVideoFrame &frame, GstBuffer *buffer, VideoRecord &target, int toUni) {
+    QxEdgeSinkPrivate *priv = sink->priv;
     const int fpsD = GST_VIDEO_INFO_FPS_D(&frame.info);
     target.framerate = fpsD == 0 ? 0.0f : static_cast<float>(GST_VIDEO_INFO_FPS_N(&frame.info) / fpsD);
     if (sink->encoded == 0) {
@@ -83,7 +83,7 @@ void fillPicture(QxEdgeSink* sink, const GstVideoFrame& frame, GstBuffer* buffer
     target.size = static_cast<std::uint32_t>(target.data.size());
 }
 
-Edge& sessionOf(QxEdgeSinkPrivate* priv) {
+Edge &sessionOf(QxEdgeSinkPrivate *priv) {
     if (!priv->edge) {
         throw std::logic_error("publishing before the bus session was opened");
     }
@@ -94,14 +94,14 @@ bool debugDumpsWanted() { return gst_debug_category_get_threshold(GST_CAT_DEFAUL
 
 } // namespace
 
-void paddingData(QxEdgeSink* sink, GstVideoFrame frame, GstBuffer* buffer) {
-    GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer);
-    QxEdgeSinkPrivate* priv = sink->priv;
+void paddingData(QxEdgeSink *sink, GstVideoFrame frame, GstBuffer *buffer) {
+    GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer);
+    QxEdgeSinkPrivate *priv = sink->priv;
     if (priv->taggroups.empty()) {
         publishData(sink);
         return;
     }
-    for (const std::string& name : priv->taggroups) {
+    for (const std::string &name : priv->taggroups) {
         switch (hash_(name.c_str())) {
         case hash_("VideoFrameData"):
             GST_INFO_OBJECT(sink, "Call metaloader in VideoFrameData...");
@@ -143,19 +143,19 @@ void paddingData(QxEdgeSink* sink, GstVideoFrame frame, GstBuffer* buffer) {
     publishData(sink);
 }
 
-void paddingImageData(QxEdgeSink* sink, GstVideoFrame frame, int toUni, int writeDebugImage) {
-    QxEdgeSinkPrivate* priv = sink->priv;
+void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writeDebugImage) {
+    QxEdgeSinkPrivate *priv = sink->priv;
     // Always on frameInfo, also for the combined record: that is where peers
     // have always found the token.
     priv->frameInfo.format = kPixelFormatRgb8;
     const int width = priv->width;
     const int height = priv->height;
-    const GstVideoInfo* info = &sink->info;
-    std::vector<unsigned char>& data = pictureOf(priv, toUni);
-    auto plane = [&frame](int i) { return static_cast<const unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i)); };
+    const GstVideoInfo *info = &sink->info;
+    std::vector<unsigned char> &data = pictureOf(priv, toUni);
+    auto plane = [&frame](int i) { return static_cast<const unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i)); };
 
     cv::Mat converted;
-    const char* debugFile = nullptr;
+    const char *debugFile = nullptr;
     switch (hash_(GST_VIDEO_INFO_NAME(info))) {
     case hash_("I420"): {
         GST_INFO_OBJECT(sink, "Start to convert from I420");
@@ -181,10 +181,10 @@ void paddingImageData(QxEdgeSink* sink, GstVideoFrame frame, int toUni, int writ
     }
     case hash_("BGR"): {
         GST_INFO_OBJECT(sink, "Start to convert from BGR");
-        const GstVideoFormatInfo* format = info->finfo;
+        const GstVideoFormatInfo *format = info->finfo;
         const std::size_t rowStart = static_cast<std::size_t>(GST_VIDEO_INFO_PLANE_STRIDE(info, 0));
         const std::size_t pixelStride = static_cast<std::size_t>(GST_VIDEO_FORMAT_INFO_PSTRIDE(format, 0));
-        const unsigned char* component[3];
+        const unsigned char *component[3];
         for (int k = 0; k < 3; ++k) {
             component[k] = plane(GST_VIDEO_FORMAT_INFO_PLANE(format, k)) + GST_VIDEO_FORMAT_INFO_POFFSET(format, k);
         }
@@ -223,9 +223,9 @@ void paddingImageData(QxEdgeSink* sink, GstVideoFrame frame, int toUni, int writ
     }
 }
 
-void publishData(QxEdgeSink* sink) {
-    QxEdgeSinkPrivate* priv = sink->priv;
-    for (const std::string& name : priv->taggroups) {
+void publishData(QxEdgeSink *sink) {
+    QxEdgeSinkPrivate *priv = sink->priv;
+    for (const std::string &name : priv->taggroups) {
         switch (hash_(name.c_str())) {
         case hash_("VideoFrameData"):
             sessionOf(priv).writeSample(name, priv->frameInfo.Encode());

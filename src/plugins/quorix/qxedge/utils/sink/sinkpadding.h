@@ -10,11 +10,11 @@
 #include "metaloader.h"
 #include "qxedgesink.h"
 
-void paddingData(QxEdgeSink* sink, GstVideoFrame frame, GstBuffer* buffer);
+void paddingData(QxEdgeSink *sink, GstVideoFrame frame, GstBuffer *buffer);
 
 // Converts the picture to packed B,G,R into frameInfo (toUni 0) or into the
 // first video entry of uniInfo (toUni 1); writeDebugImage also dumps it to a
 // .bmp in the working directory.
-void paddingImageData(QxEdgeSink* sink, GstVideoFrame frame, int toUni, int writeDebugImage);
+void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writeDebugImage);
 
-void publishData(QxEdgeSink* sink);
+void publishData(QxEdgeSink *sink);
