@@ -180,6 +180,23 @@ TEST(SinkElement, UnparseableCapsFailNegotiation) {
     EXPECT_NE(child.err().find("not-negotiated"), std::string::npos) << child.err();
 }
 
+// The session is opened once per element: closing keeps it, and opening
+// again reuses it instead of joining the bus a second time.
+TEST(SinkElement, ReopeningReusesTheSession) {
+    qxtest::ConfigRoot root;
+    qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline",
+                                "videotestsrc ! qxedgesink name=sink taggroups=VideoFrameData", "--cycle"},
+                               root.path(), childEnv(root));
+    ASSERT_EQ(child.wait(90s), 0) << child.err();
+    const std::string out = child.out();
+    EXPECT_NE(out.find("REOPENED"), std::string::npos);
+    std::size_t sessions = 0;
+    for (auto at = out.find("Init flow"); at != std::string::npos; at = out.find("Init flow", at + 1)) {
+        ++sessions;
+    }
+    EXPECT_EQ(sessions, 1u) << out;
+}
+
 // Missing configuration: opening fails cleanly instead of crashing later.
 TEST(SinkElement, MissingConfigurationFailsTheStateChange) {
     qxtest::ConfigRoot root;

@@ -1,9 +1,10 @@
 // Runs one publishing pipeline for the qxedgesink tests, in its own process
 // as users run it. Usage:
-//   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta] [--retag NAMES] [--go FILE]
+//   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta] [--retag NAMES] [--go FILE] [--cycle]
 // --meta attaches the batch metadata of sink_meta_plan.h to every frame on
 // its way into the sink; --retag sets taggroups after the session is open;
-// --go waits in READY until FILE exists, so a subscriber can join first.
+// --go waits in READY until FILE exists, so a subscriber can join first;
+// --cycle goes READY -> NULL -> READY -> NULL and exits without streaming.
 // Prints "READY" once the session is open. Exit: 0 on EOS, 2 on a pipeline
 // error, 3 when the state change to READY fails.
 
@@ -51,6 +52,7 @@ int main(int argc, char **argv) {
     std::string retag;
     bool doRetag = false;
     std::string goFile;
+    bool cycle = false;
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--meta") {
@@ -58,6 +60,8 @@ int main(int argc, char **argv) {
         } else if (arg == "--retag" && i + 1 < argc) {
             retag = argv[++i];
             doRetag = true;
+        } else if (arg == "--cycle") {
+            cycle = true;
         } else if (arg == "--go" && i + 1 < argc) {
             goFile = argv[++i];
         }
@@ -82,6 +86,17 @@ int main(int argc, char **argv) {
         std::printf("OPEN FAILED\n");
         std::fflush(stdout);
         return 3;
+    }
+    if (cycle) {
+        // Close and open again without streaming, then stop.
+        const bool closed = gst_element_set_state(pipeline, GST_STATE_NULL) != GST_STATE_CHANGE_FAILURE;
+        const bool reopened = gst_element_set_state(pipeline, GST_STATE_READY) != GST_STATE_CHANGE_FAILURE;
+        std::printf("%s\n", closed && reopened ? "REOPENED" : "CYCLE FAILED");
+        std::fflush(stdout);
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(sink);
+        gst_object_unref(pipeline);
+        return closed && reopened ? 0 : 3;
     }
     if (doRetag) {
         g_object_set(sink, "taggroups", retag.c_str(), nullptr);
