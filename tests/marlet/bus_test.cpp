@@ -2,6 +2,7 @@
 // configuration root and DDS domain, traffic stays on loopback.
 
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 #include <dds/dds.h>
@@ -126,6 +127,42 @@ TEST_F(BusTest, FullHdFrameCrossesToAnotherProcessAndBackIntact) {
     }
     EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
     EXPECT_NE(peer.out().find("big frames 30 in order"), std::string::npos) << peer.out();
+}
+
+TEST_F(BusTest, AStalledReaderCostsDroppedSamplesNotAFailedWrite) {
+    Thing out = makeThing(bus_, "VideoFrameThingOut", "parent-out", "default");
+    Thing in = makeThing(bus_, "DeviceInfoThingIn", "parent-in", "default");
+    Thing::Selector echoes = in.select("DeviceInfoData");
+    echoes.read<Pairs>(0);
+    qxtest::ChildProcess peer({MARLET_PEER_PATH}, root_.path());
+    ASSERT_TRUE(peer.waitForOutput("ready peer-out", std::chrono::seconds(30))) << peer.err();
+    // Matched both ways before the reader freezes.
+    ASSERT_FALSE(writeUntil(out, "VideoFrameData", echoes, frame(1, 16), [](const Sample &) { return true; }).empty());
+
+    // A frozen reader acknowledges nothing: once a few 6 MB frames are in
+    // flight every write waits out its blocking time and must give up on the
+    // sample rather than fail (which would stop the publishing pipeline).
+    ::kill(peer.pid(), SIGSTOP);
+    std::uint32_t id = 0;
+    while (out.droppedWrites() == 0 && id < 20) {
+        Pairs burst = frame(++id, kFullHdBgrBytes);
+        burst[0].name("burst_id");
+        EXPECT_NO_THROW(out.write("VideoFrameData", burst));
+    }
+    EXPECT_GT(out.droppedWrites(), 0u) << "20 frames of 6 MB were accepted by a frozen reader";
+
+    // Once the reader runs again, writes go through again.
+    ::kill(peer.pid(), SIGCONT);
+    const std::uint64_t droppedWhileStalled = out.droppedWrites();
+    Pairs stop(1);
+    stop[0].name("stop");
+    for (int i = 0; i < 100 && peer.running(); ++i) {
+        out.write("VideoFrameData", stop);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
+    EXPECT_EQ(out.droppedWrites(), droppedWhileStalled);
+    EXPECT_NE(peer.out().find("big frames "), std::string::npos) << peer.out();
 }
 
 TEST_F(BusTest, FlowSelectorSeesOnlyItsFlowWhileAnUnflowedOneSeesAll) {

@@ -54,6 +54,7 @@ struct WriterSlot {
     dds_entity_t writer = 0; // child of the thing's publisher
     std::vector<std::uint8_t> buffer;
     std::uint64_t sequence = 0;
+    std::uint64_t dropped = 0; // writes given up on a reader that did not keep up
 };
 
 struct ThingState {

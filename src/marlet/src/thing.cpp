@@ -1,3 +1,5 @@
+#include <iostream>
+
 #include "bus_qos.h"
 #include "marlet/pair_codec.h"
 #include "state.h"
@@ -92,6 +94,17 @@ std::string Thing::getId() const { return state_ ? state_->id : std::string(); }
 
 std::string Thing::getContextId() const { return state_ ? state_->contextId : std::string(); }
 
+namespace {
+// First drop and then every hundredth: a stalled reader at 30 fps must not
+// flood the log, but the operator has to learn that samples are being lost.
+void reportDroppedWrite(const detail::WriterSlot &slot) {
+    if (slot.dropped == 1 || slot.dropped % 100 == 0)
+        std::cerr << "marlet: a reader of " << slot.tagGroup.topic
+                  << " is not keeping up; write timed out and the sample was dropped (" << slot.dropped
+                  << " so far)" << std::endl;
+}
+} // namespace
+
 void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs) {
     if (!state_) throw MarletError("write on an empty Thing handle");
     std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
@@ -117,7 +130,27 @@ void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pa
     sample.payload._release = false;
     // The call name is built only on failure: this path runs for every frame.
     const dds_return_t rc = dds_write(slot->writer, &sample);
+    if (rc == DDS_RETCODE_TIMEOUT) {
+        // A reader stopped acknowledging (stalled, or died and its lease has
+        // not run out yet). Giving up on this one sample keeps the publishing
+        // pipeline alive; failing the write would take the camera down with
+        // the slowest consumer.
+        ++slot->dropped;
+        reportDroppedWrite(*slot);
+        return;
+    }
     if (rc < 0) throw DdsError("dds_write(" + slot->tagGroup.topic + ")", rc);
+}
+
+std::uint64_t Thing::droppedWrites() const {
+    if (!state_) return 0;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::uint64_t total = 0;
+    for (const auto &[name, slot] : state_->writers) {
+        std::lock_guard<std::mutex> slotLock(slot->mutex);
+        total += slot->dropped;
+    }
+    return total;
 }
 
 void Thing::close() {

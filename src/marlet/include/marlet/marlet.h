@@ -213,8 +213,13 @@ public:
 
     // Publishes one sample on the named output. Throws MarletError.
     template <typename T> void write(const std::string& output, const T& data);
-    // Encoded in place: the payload is built once and handed to DDS.
+    // Encoded in place: the payload is built once and handed to DDS. A write
+    // that waits longer than the writer's blocking time for a reader that does
+    // not acknowledge drops the sample (counted, reported on stderr) instead
+    // of failing.
     void writePairs(const std::string& output, const std::vector<IOT_NVP>& pairs);
+    // Samples dropped so far because a reader did not keep up.
+    std::uint64_t droppedWrites() const;
 
     Selector select(const std::string& input);
     // Idempotent.
