@@ -416,9 +416,6 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
     if (keepInfo) {
         GST_DEBUG_OBJECT(src, "size %dx%d, %d/%d fps", info.width, info.height, info.fps_n, info.fps_d);
         src->info = info;
-        // Without a pool downstream the base class allocates blocksize bytes a
-        // buffer; one buffer must hold one whole frame.
-        gst_base_src_set_blocksize(bsrc, static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)));
     }
     freeScratch(src);
     const gsize width = static_cast<gsize>(GST_VIDEO_INFO_WIDTH(&src->info));
@@ -429,6 +426,9 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
     src->tmpline_u16 = static_cast<guint16*>(g_malloc((lines + 16) * 8));
     GST_DEBUG_OBJECT(src, "finish reset caps");
     GST_OBJECT_UNLOCK(src);
+    // Without a pool downstream the base class allocates blocksize bytes a
+    // buffer; one buffer must hold one whole frame. Takes the object lock itself.
+    if (keepInfo) gst_base_src_set_blocksize(bsrc, static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)));
     return TRUE;
 }
 

@@ -1,0 +1,303 @@
+// qxedgesrc end to end: a publishing pipeline in a child process, the
+// subscribing pipeline in this process, both on a private bus domain on loopback.
+
+#include <gtest/gtest.h>
+
+
+#include <opencv2/imgproc.hpp>
+
+#include "src_expected.h"
+#include "src_support.h"
+
+using namespace std::chrono_literals;
+using srctest::Received;
+using srctest::Subscriber;
+
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 240;
+constexpr int kSpeed = 8;
+// Mean absolute difference per byte between the delivered picture and the
+// reference after the colour conversions on the way (YUV -> BGR at the
+// publisher, BGR -> YUV at the subscriber, back to BGR here).
+constexpr double kPictureTolerance = 3.0;
+
+std::string capsFor(const std::string& format, const std::string& framerate = "30/1") {
+    return "video/x-raw,format=" + format + ",width=" + std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
+           ",framerate=" + framerate;
+}
+
+std::vector<std::string> publisherOptions(const std::string& format, int frames, const std::string& stream,
+                                          const std::string& extra1 = "", const std::string& extra2 = "") {
+    std::vector<std::string> options{"--format=" + format, "--frames=" + std::to_string(frames),
+                                     "--width=" + std::to_string(kWidth), "--height=" + std::to_string(kHeight),
+                                     "--speed=" + std::to_string(kSpeed), "--stream=" + stream};
+    if (!extra1.empty()) options.push_back(extra1);
+    if (!extra2.empty()) options.push_back(extra2);
+    return options;
+}
+
+// Pulls buffers while the publisher runs and until its last frame arrived or
+// nothing more came for a while after it ended.
+std::vector<Received> collect(Subscriber& subscriber, qxtest::ChildProcess& publisher, int lastFrameId) {
+    std::vector<Received> received;
+    auto quietSince = std::chrono::steady_clock::now();
+    const auto deadline = std::chrono::steady_clock::now() + 90s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        Received r;
+        if (subscriber.pull(r, 200ms)) {
+            const bool last = !r.frames.empty() && r.frames.front().frame_id == lastFrameId;
+            received.push_back(std::move(r));
+            quietSince = std::chrono::steady_clock::now();
+            if (last) break;
+            continue;
+        }
+        if (publisher.running()) {
+            quietSince = std::chrono::steady_clock::now();
+        } else if (std::chrono::steady_clock::now() - quietSince > 3s) {
+            break;
+        }
+    }
+    return received;
+}
+
+void expectSameDevice(const DeviceInfoData& got, const DeviceInfoData& want) {
+    EXPECT_EQ(got.stream_id, want.stream_id);
+    EXPECT_EQ(got.mac_address, want.mac_address);
+    EXPECT_EQ(got.ip_address, want.ip_address);
+    EXPECT_EQ(got.port, want.port);
+    EXPECT_EQ(got.uri, want.uri);
+    EXPECT_EQ(got.manufacturer, want.manufacturer);
+    EXPECT_EQ(got.model, want.model);
+    EXPECT_EQ(got.serial, want.serial);
+    EXPECT_EQ(got.fw_version, want.fw_version);
+    EXPECT_EQ(got.dev_id, want.dev_id);
+    EXPECT_EQ(got.status, want.status);
+    EXPECT_EQ(got.kind, want.kind);
+    EXPECT_EQ(got.protocol, want.protocol);
+}
+
+struct Tally {
+    int buffers = 0;
+    int withResults = 0;
+    int withDevice = 0;
+};
+
+// Every delivered buffer: frame id of this run, picture of that frame, and
+// results (when the synchroniser found them) that belong to that very frame.
+void checkDelivered(const std::vector<Received>& received, const std::vector<cv::Mat>& reference,
+                    const std::string& format, const std::string& stream, Tally& tally) {
+    int previousId = -1;
+    for (const Received& r : received) {
+        SCOPED_TRACE(format + " buffer " + std::to_string(tally.buffers));
+        ++tally.buffers;
+        EXPECT_TRUE(r.hasMeta);
+        ASSERT_EQ(r.frames.size(), 1u);
+        ASSERT_EQ(r.devices.size(), 1u);
+        const VideoFrameData& got = r.frames.front();
+        EXPECT_EQ(got.stream_id, stream);
+        // The synchroniser may hand a frame out twice (its walking order), never an older one.
+        EXPECT_GE(got.frame_id, previousId) << "frames arrive in publishing order";
+        previousId = got.frame_id;
+        ASSERT_GE(got.frame_id, 0);
+        ASSERT_LT(got.frame_id, static_cast<int>(reference.size()));
+
+        const VideoFrameData want = srcexpect::frame(got.frame_id, stream, kWidth, kHeight, 0);
+        EXPECT_EQ(got.timestamp, want.timestamp);
+        EXPECT_EQ(got.width, kWidth);
+        EXPECT_EQ(got.height, kHeight);
+        EXPECT_EQ(got.channels, 3);
+        EXPECT_EQ(got.depth, 8);
+        EXPECT_EQ(got.device_idx, 0);
+        EXPECT_FALSE(got.is_compress);
+
+        // The bus carries B,G,R bytes under the RGB token and the I420 encoder
+        // reads R,G,B (both kept on purpose): I420 output has red and blue exchanged.
+        auto asDelivered = [&](int id) {
+            cv::Mat picture = reference[id].clone();
+            if (format == "I420") cv::cvtColor(picture, picture, cv::COLOR_BGR2RGB);
+            return picture;
+        };
+        const double diff = srctest::meanAbsDiff(r.bgr, asDelivered(got.frame_id));
+        EXPECT_LT(diff, kPictureTolerance) << "frame " << got.frame_id;
+        // The check tells neighbouring frames apart, so a picture paired with the wrong id would fail it.
+        if (got.frame_id + 1 < static_cast<int>(reference.size()))
+            EXPECT_GT(srctest::meanAbsDiff(r.bgr, asDelivered(got.frame_id + 1)), diff);
+
+        if (!got.class_results.empty()) {
+            ++tally.withResults;
+            ASSERT_EQ(got.class_results.size(), want.class_results.size());
+            for (std::size_t k = 0; k < want.class_results.size(); ++k) {
+                EXPECT_EQ(got.class_results[k].index, want.class_results[k].index);
+                EXPECT_EQ(got.class_results[k].output, want.class_results[k].output);
+                EXPECT_EQ(got.class_results[k].label, want.class_results[k].label);
+                EXPECT_FLOAT_EQ(got.class_results[k].prob, want.class_results[k].prob);
+            }
+        }
+        if (!got.det_results.empty()) {
+            ASSERT_EQ(got.det_results.size(), want.det_results.size());
+            for (std::size_t k = 0; k < want.det_results.size(); ++k) {
+                const auto& g = got.det_results[k];
+                const auto& w = want.det_results[k];
+                EXPECT_EQ(g.obj_id, w.obj_id);
+                EXPECT_EQ(g.obj_label, w.obj_label);
+                EXPECT_EQ(g.class_id, w.class_id);
+                EXPECT_EQ(g.class_label, w.class_label);
+                EXPECT_FLOAT_EQ(g.x1, w.x1);
+                EXPECT_FLOAT_EQ(g.y1, w.y1);
+                EXPECT_FLOAT_EQ(g.x2, w.x2);
+                EXPECT_FLOAT_EQ(g.y2, w.y2);
+                EXPECT_FLOAT_EQ(g.prob, w.prob);
+                EXPECT_EQ(g.meta, w.meta);
+            }
+        }
+        if (!got.seg_results.empty()) {
+            ASSERT_EQ(got.seg_results.size(), want.seg_results.size());
+            for (std::size_t row = 0; row < want.seg_results.size(); ++row) {
+                ASSERT_EQ(got.seg_results[row].size(), want.seg_results[row].size());
+                for (std::size_t c = 0; c < want.seg_results[row].size(); ++c) {
+                    EXPECT_EQ(got.seg_results[row][c].class_id, want.seg_results[row][c].class_id);
+                    EXPECT_FLOAT_EQ(got.seg_results[row][c].prob, want.seg_results[row][c].prob);
+                    EXPECT_EQ(got.seg_results[row][c].label, want.seg_results[row][c].label);
+                }
+            }
+        }
+        if (!r.devices.front().manufacturer.empty()) {
+            ++tally.withDevice;
+            expectSameDevice(r.devices.front(), srcexpect::device());
+        }
+    }
+}
+
+struct DeliveryCase {
+    const char* name;
+    const char* format;
+    const char* sourceGroups;
+    const char* publisherGroups;
+};
+
+class SrcDelivery : public ::testing::TestWithParam<DeliveryCase> {};
+
+TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
+    const DeliveryCase& c = GetParam();
+    constexpr int kFrames = 40;
+    const std::string stream = std::string("stream-") + c.name;
+    const auto reference = srctest::referenceFrames(c.format, kWidth, kHeight, kFrames, kSpeed);
+    ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
+
+    qxtest::ConfigRoot root;
+    root.enter();
+    testing::internal::CaptureStdout();
+    Subscriber subscriber(std::string("taggroups=") + c.sourceGroups, capsFor(c.format));
+    subscriber.start();
+    auto publisher = srctest::startPublisher(
+        root, publisherOptions(c.format, kFrames, stream, std::string("--taggroups=") + c.publisherGroups));
+    const auto received = collect(subscriber, *publisher, kFrames - 1);
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
+    EXPECT_NE(subscriber.startResult(), GST_STATE_CHANGE_FAILURE);
+    EXPECT_EQ(subscriber.stop(), GST_STATE_CHANGE_SUCCESS);
+    const std::string out = testing::internal::GetCapturedStdout();
+
+    EXPECT_NE(out.find("waiting for marlet data..."), std::string::npos);
+    ASSERT_FALSE(received.empty()) << "nothing delivered; publisher said: " << publisher->out() << publisher->err();
+    Tally tally;
+    checkDelivered(received, reference, c.format, stream, tally);
+    EXPECT_GT(tally.withResults, 0) << "no buffer was paired with its results";
+    EXPECT_GT(tally.withDevice, 0) << "no buffer carried the device";
+    std::printf("[ %s ] delivered %d of %d frames, %d with results\n", c.name, tally.buffers, kFrames,
+                tally.withResults);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Formats, SrcDelivery,
+    ::testing::Values(DeliveryCase{"I420", "I420", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
+                      DeliveryCase{"NV12", "NV12", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
+                      DeliveryCase{"BGR", "BGR", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
+                      DeliveryCase{"uni_I420", "I420", "uni", "uni"},
+                      DeliveryCase{"uni_BGR", "BGR", "uni", "uni"}),
+    [](const ::testing::TestParamInfo<DeliveryCase>& info) { return std::string(info.param.name); });
+
+// A source under one context id takes nothing published under another; the
+// frames of the other flow would otherwise be queued and delivered first.
+TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
+    constexpr int kFrames = 30;
+    const auto reference = srctest::referenceFrames("BGR", kWidth, kHeight, kFrames, kSpeed);
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups + " context-id=flow-A",
+                          capsFor("BGR"));
+    subscriber.start();
+
+    auto other = srctest::startPublisher(root, publisherOptions("BGR", kFrames, "ctx-B", "--context-id=flow-B"));
+    EXPECT_EQ(other->wait(60s), 0) << other->err();
+    EXPECT_TRUE(subscriber.waitingForFirstFrame()) << "a frame of another context reached the source";
+
+    auto own = srctest::startPublisher(root, publisherOptions("BGR", kFrames, "ctx-A", "--context-id=flow-A"));
+    const auto received = collect(subscriber, *own, kFrames - 1);
+    EXPECT_EQ(own->wait(60s), 0) << own->err();
+    ASSERT_FALSE(received.empty());
+    for (const Received& r : received) {
+        ASSERT_EQ(r.frames.size(), 1u);
+        EXPECT_EQ(r.frames.front().stream_id, "ctx-A");
+    }
+    Tally tally;
+    checkDelivered(received, reference, "BGR", "ctx-A", tally);
+}
+
+// A publisher that starts again from frame id 0 is picked up.
+TEST(SrcRestart, PublisherRestartingFromFrameZeroIsPickedUp) {
+    constexpr int kFrames = 30;
+    const auto reference = srctest::referenceFrames("NV12", kWidth, kHeight, kFrames, kSpeed);
+    qxtest::ConfigRoot root;
+    root.enter();
+    testing::internal::CaptureStdout();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups, capsFor("NV12"));
+    subscriber.start();
+
+    auto first = srctest::startPublisher(root, publisherOptions("NV12", kFrames, "run-1"));
+    const auto firstRun = collect(subscriber, *first, kFrames - 1);
+    EXPECT_EQ(first->wait(60s), 0) << first->err();
+    auto second = srctest::startPublisher(root, publisherOptions("NV12", kFrames, "run-2"));
+    std::vector<Received> secondRun;
+    // Frames of the first run still queued may come first.
+    for (const Received& r : collect(subscriber, *second, kFrames - 1)) {
+        if (!r.frames.empty() && r.frames.front().stream_id == "run-2") secondRun.push_back(r);
+    }
+    EXPECT_EQ(second->wait(60s), 0) << second->err();
+    subscriber.stop();
+    const std::string out = testing::internal::GetCapturedStdout();
+
+    ASSERT_FALSE(firstRun.empty());
+    ASSERT_FALSE(secondRun.empty()) << "the restarted publisher was not picked up";
+    Tally tally;
+    checkDelivered(secondRun, reference, "NV12", "run-2", tally);
+    EXPECT_NE(out.find("clear all queued data from marlet"), std::string::npos);
+}
+
+// Without a frame rate the source delivers exactly one buffer, then ends the stream.
+TEST(SrcFramerate, ZeroFramerateGivesOneBufferThenEos) {
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups, capsFor("I420", "0/1"));
+    subscriber.start();
+    auto publisher = srctest::startPublisher(root, publisherOptions("I420", 30, "single"));
+
+    Received first;
+    // The appsink hands out nothing before the source reached PAUSED.
+    const auto firstDeadline = std::chrono::steady_clock::now() + 60s;
+    bool gotFirst = false;
+    while (!gotFirst && std::chrono::steady_clock::now() < firstDeadline) gotFirst = subscriber.pull(first, 200ms);
+    ASSERT_TRUE(gotFirst);
+    ASSERT_EQ(first.frames.size(), 1u);
+    EXPECT_EQ(first.frames.front().stream_id, "single");
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (!subscriber.eos() && std::chrono::steady_clock::now() < deadline) {
+        Received more;
+        EXPECT_FALSE(subscriber.pull(more, 100ms)) << "a second buffer came";
+    }
+    EXPECT_TRUE(subscriber.eos());
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
+}
+
+} // namespace

@@ -1,0 +1,219 @@
+// qxedgesrc: properties, inspection, stopping while waiting, and bad data on the bus.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "frame_information.h"
+#include "modelloader.h"
+#include "src_expected.h"
+#include "src_support.h"
+
+using namespace std::chrono_literals;
+using srctest::Received;
+using srctest::Subscriber;
+
+namespace {
+
+std::string getString(GstElement* element, const char* name) {
+    gchar* value = nullptr;
+    g_object_get(element, name, &value, nullptr);
+    std::string out = value ? value : "";
+    g_free(value);
+    return out;
+}
+
+struct TaggroupsCase {
+    std::vector<std::string> writes;
+    std::string readBack;
+};
+
+TEST(SrcProperties, TaggroupsReadBackAsWritten) {
+    srctest::initGst();
+    const std::vector<TaggroupsCase> cases = {
+        {{"ClassificationData+DetectionBoxData"}, "ClassificationData+DetectionBoxData"},
+        {{"ClassificationData++DeviceInfoData"}, "ClassificationData+DeviceInfoData"},
+        {{"ClassificationData+DetectionBoxData", "SegmentationData"}, "SegmentationData"},
+        {{"ClassificationData+DetectionBoxData", "uni"}, "ClassificationData+DetectionBoxData+uni"},
+        {{"uni", "uni"}, "uni+uni"},
+        {{}, ""},
+    };
+    for (const auto& c : cases) {
+        GstElement* src = gst_element_factory_make("qxedgesrc", nullptr);
+        ASSERT_NE(src, nullptr);
+        for (const auto& w : c.writes) g_object_set(src, "taggroups", w.c_str(), nullptr);
+        EXPECT_EQ(getString(src, "taggroups"), c.readBack);
+        gst_object_unref(src);
+    }
+}
+
+TEST(SrcProperties, ContextIdAndSyncMessageRoundTrip) {
+    srctest::initGst();
+    GstElement* src = gst_element_factory_make("qxedgesrc", nullptr);
+    ASSERT_NE(src, nullptr);
+    testing::internal::CaptureStdout();
+    g_object_set(src, "context-id", "flow-7", "syncmessage", TRUE, nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("context_id_String = flow-7"), std::string::npos);
+    EXPECT_EQ(getString(src, "context-id"), "flow-7");
+    gboolean sync = FALSE;
+    g_object_get(src, "syncmessage", &sync, nullptr);
+    EXPECT_TRUE(sync);
+    g_object_set(src, "syncmessage", FALSE, nullptr);
+    g_object_get(src, "syncmessage", &sync, nullptr);
+    EXPECT_FALSE(sync);
+    gst_object_unref(src);
+}
+
+TEST(SrcInspect, ShowsPropertiesBlurbsAndPadTemplate) {
+    qxtest::ConfigRoot root;
+    qxtest::ChildProcess inspect({"/usr/bin/gst-inspect-1.0", "qxedgesrc"}, root.path(),
+                                 srctest::childEnv(root, "inspect"));
+    ASSERT_EQ(inspect.wait(60s), 0) << inspect.err();
+    const std::string out = inspect.out();
+    const std::vector<std::string> expected = {
+        "QUORIX Kelpkit source",
+        "Source/Video",
+        "An QUORIX Kelpkit video source",
+        "SRC template: 'src'",
+        "Availability: Always",
+        "video/x-raw",
+        "format: { (string)I420, (string)NV12, (string)BGR }",
+        "image/jpeg",
+        "sof-marker: { (int)0, (int)1, (int)2, (int)4, (int)9 }",
+        "image/png",
+        "taggroups",
+        "Provide the tag groups name you want to use. Example: taggroups=VideoFrameData.",
+        "VideoFrameData is the required tag group for synchronization.",
+        "syncmessage",
+        "Show the Sync worker's message.",
+        "context-id",
+        "Identify to the class of a thing for subscribing.",
+    };
+    for (const auto& text : expected) EXPECT_NE(out.find(text), std::string::npos) << "missing: " << text;
+}
+
+// A source waiting for its first frame is unlocked as a flush does, and then reaches NULL.
+TEST(SrcLifecycle, StopWhileWaitingForFirstFrame) {
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups,
+                          "video/x-raw,format=I420,width=320,height=240,framerate=30/1");
+    subscriber.start();
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (!subscriber.waitingForFirstFrame() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(subscriber.waitingForFirstFrame());
+    EXPECT_FALSE(subscriber.started(0ms));
+
+    EXPECT_TRUE(subscriber.unlockSource());
+    ASSERT_TRUE(subscriber.started(30s)) << "unlocking did not end the wait";
+    EXPECT_EQ(subscriber.stop(), GST_STATE_CHANGE_SUCCESS);
+}
+
+// Malformed samples on the bus, written beside a good publisher, never stop
+// the source: the good frames keep coming with their own results.
+TEST(SrcBadInput, MalformedSamplesDoNotStopDelivery) {
+    using com::quorixtech::iot::IOT_NVP;
+    using com::quorixtech::iot::IOT_VALUE;
+    constexpr int kFrames = 40;
+    qxtest::ConfigRoot root;
+    root.enter();
+    testing::internal::CaptureStdout();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups,
+                          "video/x-raw,format=BGR,width=320,height=240,framerate=30/1");
+    subscriber.start();
+
+    auto injector = Edge::create("config/Marlet.xml", "config/VideoFrameThingOutProperties.json",
+                                 "definitions/ThingClass/com.vision.data/VideoFrameThingOutClass.json",
+                                 {"definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json"}, "");
+    ASSERT_TRUE(injector);
+    std::vector<std::string> groups{"ClassificationData", "DetectionBoxData", "SegmentationData", "DeviceInfoData"};
+    ModelLoader::addThingOutByProp(injector, groups);
+
+    auto withValue = [](TOLVIXO::NvpList pairs, const std::string& name, IOT_VALUE value) {
+        for (auto& p : pairs)
+            if (p.name() == name) p.value(value);
+        return pairs;
+    };
+    IOT_VALUE text;
+    text.iotv_string("not a number");
+    TOLVIXO::FrameInfo shortFrame;
+    shortFrame.frame_id = 3;
+    shortFrame.width = 320;
+    shortFrame.height = 240;
+    shortFrame.channels = 3;
+    shortFrame.compression = "com.vision.models.COMPRESSION_KIND_NONE";
+    shortFrame.format = "com.vision.models.PIXEL_FORMAT_RGB8";
+    shortFrame.data.assign(100, 7);
+    shortFrame.size = 100;
+    TOLVIXO::FrameInfo noBytes = shortFrame;
+    noBytes.data.clear();
+    TOLVIXO::FrameInfo noSize = shortFrame;
+    noSize.width = 0;
+    TOLVIXO::Information<TOLVIXO::ClassificationData> classification;
+    classification.frame_id = 5;
+    classification.data.push_back({1, "x", "y", 0.5f});
+    IOT_VALUE nested;
+    nested.iotv_nvp_seq({IOT_NVP("", IOT_VALUE{})});
+
+    const std::vector<std::pair<std::string, TOLVIXO::NvpList>> bad = {
+        {"VideoFrameData", withValue(shortFrame.Encode(), "frame_id", text)},
+        {"VideoFrameData", shortFrame.Encode()},
+        {"VideoFrameData", noBytes.Encode()},
+        {"VideoFrameData", noSize.Encode()},
+        {"VideoFrameData", withValue(shortFrame.Encode(), "data", nested)},
+        {"ClassificationData", withValue(classification.Encode(), "frame_id", text)},
+        {"ClassificationData", withValue(classification.Encode(), "data", text)},
+        {"DeviceInfoData", {IOT_NVP("port", text)}},
+    };
+
+    auto publisher = srctest::startPublisher(
+        root, {"--format=BGR", "--frames=" + std::to_string(kFrames), "--width=320", "--height=240", "--speed=8",
+               "--stream=good"});
+    std::atomic<bool> publishing{true};
+    std::thread writer([&] {
+        while (publishing.load()) {
+            for (const auto& [group, pairs] : bad) injector->writeSample(group, pairs);
+            std::this_thread::sleep_for(20ms);
+        }
+    });
+    std::vector<Received> received;
+    const auto deadline = std::chrono::steady_clock::now() + 90s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        Received r;
+        if (subscriber.pull(r, 200ms)) {
+            received.push_back(r);
+            if (!r.frames.empty() && r.frames.front().frame_id == kFrames - 1) break;
+        } else if (!publisher->running()) {
+            break;
+        }
+    }
+    publishing = false;
+    writer.join();
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
+    subscriber.stop();
+    injector->deinit();
+    const std::string out = testing::internal::GetCapturedStdout();
+
+    EXPECT_NE(out.find("A exception was caught with message"), std::string::npos)
+        << "the malformed samples never reached the readers";
+    ASSERT_FALSE(received.empty()) << "delivery stopped";
+    int withResults = 0;
+    for (const Received& r : received) {
+        ASSERT_EQ(r.frames.size(), 1u);
+        const VideoFrameData& got = r.frames.front();
+        EXPECT_EQ(got.stream_id, "good");
+        EXPECT_EQ(got.width, 320);
+        EXPECT_FALSE(r.bgr.empty());
+        if (got.class_results.empty()) continue;
+        ++withResults;
+        const VideoFrameData want = srcexpect::frame(got.frame_id, "good", 320, 240, 0);
+        ASSERT_EQ(got.class_results.size(), want.class_results.size());
+        EXPECT_EQ(got.class_results[0].label, want.class_results[0].label);
+    }
+    EXPECT_GT(withResults, 0);
+}
+
+} // namespace

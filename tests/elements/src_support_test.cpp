@@ -1,0 +1,200 @@
+// Support code of the qxedgesrc tests (named *_test.cpp only so that the
+// element test binary picks it up); the tests themselves are in the other src_* files.
+
+#include "src_support.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include <gst/app/gstappsink.h>
+#include <gst/base/gstbasesrc.h>
+#include <gst/video/video.h>
+#include <opencv2/imgproc.hpp>
+
+namespace srctest {
+
+void initGst() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (!gst_is_initialized()) {
+            char pattern[] = "/tmp/qxsrc-gst-XXXXXX";
+            const char* dir = ::mkdtemp(pattern);
+            qxtest::useBuildPlugins(dir ? dir : "/tmp");
+            gst_init(nullptr, nullptr);
+        }
+    });
+}
+
+Subscriber::Subscriber(const std::string& props, const std::string& caps) {
+    initGst();
+    const std::string description =
+        "qxedgesrc name=src " + props + " ! " + caps + " ! appsink name=out sync=false max-buffers=500";
+    GError* error = nullptr;
+    pipeline_ = gst_parse_launch(description.c_str(), &error);
+    if (error != nullptr) {
+        std::string message = error->message;
+        g_clear_error(&error);
+        throw std::runtime_error("pipeline " + description + ": " + message);
+    }
+    source_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
+    appsink_ = gst_bin_get_by_name(GST_BIN(pipeline_), "out");
+}
+
+Subscriber::~Subscriber() {
+    stop();
+    if (source_) gst_object_unref(source_);
+    if (appsink_) gst_object_unref(appsink_);
+    if (pipeline_) gst_object_unref(pipeline_);
+}
+
+void Subscriber::start() {
+    GstElement* pipeline = pipeline_;
+    startFuture_ = std::async(std::launch::async, [pipeline] {
+                       return gst_element_set_state(pipeline, GST_STATE_PLAYING);
+                   }).share();
+}
+
+bool Subscriber::started(std::chrono::milliseconds wait) const {
+    return startFuture_.valid() && startFuture_.wait_for(wait) == std::future_status::ready;
+}
+
+GstStateChangeReturn Subscriber::startResult() { return startFuture_.get(); }
+
+bool Subscriber::waitingForFirstFrame() const {
+    GST_OBJECT_LOCK(source_);
+    const bool waiting = GST_STATE(source_) == GST_STATE_READY && GST_STATE_NEXT(source_) == GST_STATE_PAUSED;
+    GST_OBJECT_UNLOCK(source_);
+    return waiting;
+}
+
+bool Subscriber::pull(Received& out, std::chrono::milliseconds timeout) {
+    // Before PAUSED the appsink returns at once; wait like a pull would.
+    if (!started(0ms)) {
+        std::this_thread::sleep_for(timeout);
+        return false;
+    }
+    GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink_),
+                                                     static_cast<GstClockTime>(timeout.count()) * GST_MSECOND);
+    if (sample == nullptr) return false;
+    GstBuffer* buffer = gst_sample_get_buffer(sample);
+    out = Received{};
+    out.bgr = toBgr(buffer, gst_sample_get_caps(sample));
+    if (GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer)) {
+        out.hasMeta = true;
+        out.frames = meta->frames;
+        out.devices = meta->devices;
+    }
+    gst_sample_unref(sample);
+    return true;
+}
+
+bool Subscriber::eos() const { return gst_app_sink_is_eos(GST_APP_SINK(appsink_)); }
+
+bool Subscriber::unlockSource() {
+    // What the base class does when it flushes. While the source waits inside
+    // READY to PAUSED its pad is still inactive and refuses flush events, and
+    // the element's state lock is held, so this is the only way in.
+    GstBaseSrcClass* klass = GST_BASE_SRC_GET_CLASS(source_);
+    return klass->unlock != nullptr && klass->unlock(GST_BASE_SRC(source_));
+}
+
+GstStateChangeReturn Subscriber::stop() {
+    if (stopped_) return GST_STATE_CHANGE_SUCCESS;
+    stopped_ = true;
+    // A source still waiting for its first frame holds the state lock: unlock it first.
+    if (startFuture_.valid() && !started(0ms)) {
+        unlockSource();
+        startFuture_.wait_for(30s);
+    }
+    return gst_element_set_state(pipeline_, GST_STATE_NULL);
+}
+
+std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot& root, const std::string& tag) {
+    return {{"GST_PLUGIN_PATH", qxtest::pluginBuildDir()},
+            {"GST_REGISTRY", root.file("registry-" + tag + ".bin")},
+            {"GST_REGISTRY_FORK", "no"}};
+}
+
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot& root,
+                                                     const std::vector<std::string>& options) {
+    std::vector<std::string> argv{std::string(QX_TEST_HELPER_DIR) + "/src_publisher"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return std::make_unique<qxtest::ChildProcess>(argv, root.path(), childEnv(root, "publisher"));
+}
+
+std::vector<cv::Mat> referenceFrames(const std::string& format, int width, int height, int frames, int speed) {
+    initGst();
+    const std::string description = "videotestsrc num-buffers=" + std::to_string(frames) +
+                                    " pattern=smpte horizontal-speed=" + std::to_string(speed) +
+                                    " ! video/x-raw,format=" + format + ",width=" + std::to_string(width) +
+                                    ",height=" + std::to_string(height) +
+                                    ",framerate=30/1 ! appsink name=out sync=false";
+    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    std::vector<cv::Mat> out;
+    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+        out.push_back(toBgr(gst_sample_get_buffer(sample), gst_sample_get_caps(sample)));
+        gst_sample_unref(sample);
+    }
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(sink);
+    gst_object_unref(pipeline);
+    return out;
+}
+
+namespace {
+// Copies a plane row by row into a packed matrix region.
+void copyRows(guint8* dst, const GstVideoFrame& frame, int plane, int rows, int rowBytes) {
+    const auto* src = static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
+    const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
+    for (int r = 0; r < rows; ++r) std::memcpy(dst + r * rowBytes, src + r * stride, rowBytes);
+}
+} // namespace
+
+cv::Mat toBgr(GstBuffer* buffer, GstCaps* caps) {
+    GstVideoInfo info;
+    if (!gst_video_info_from_caps(&info, caps)) return {};
+    GstVideoFrame frame;
+    if (!gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) return {};
+    const int w = GST_VIDEO_INFO_WIDTH(&info);
+    const int h = GST_VIDEO_INFO_HEIGHT(&info);
+    cv::Mat bgr;
+    switch (GST_VIDEO_INFO_FORMAT(&info)) {
+    case GST_VIDEO_FORMAT_I420: {
+        cv::Mat yuv(h + h / 2, w, CV_8UC1);
+        copyRows(yuv.data, frame, 0, h, w);
+        copyRows(yuv.data + w * h, frame, 1, h / 2, w / 2);
+        copyRows(yuv.data + w * h + (w / 2) * (h / 2), frame, 2, h / 2, w / 2);
+        cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_I420);
+        break;
+    }
+    case GST_VIDEO_FORMAT_NV12: {
+        cv::Mat yuv(h + h / 2, w, CV_8UC1);
+        copyRows(yuv.data, frame, 0, h, w);
+        copyRows(yuv.data + w * h, frame, 1, h / 2, w);
+        cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
+        break;
+    }
+    case GST_VIDEO_FORMAT_BGR:
+        bgr.create(h, w, CV_8UC3);
+        copyRows(bgr.data, frame, 0, h, w * 3);
+        break;
+    default:
+        break;
+    }
+    gst_video_frame_unmap(&frame);
+    return bgr;
+}
+
+double meanAbsDiff(const cv::Mat& a, const cv::Mat& b) {
+    if (a.empty() || b.empty() || a.size() != b.size() || a.type() != b.type()) return 1e9;
+    cv::Mat diff;
+    cv::absdiff(a, b, diff);
+    const cv::Scalar sums = cv::sum(diff);
+    return (sums[0] + sums[1] + sums[2]) / (static_cast<double>(a.total()) * a.channels());
+}
+
+} // namespace srctest
