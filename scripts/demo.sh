@@ -6,21 +6,23 @@
 #   publisher:  videotestsrc pattern=ball ! qxanalyze ! qxedgesink (every tag group)
 #   subscriber: qxedgesrc ! qxoverlay ! (video file, PNG snapshots, counters)
 #
-# QX_DEMO_FRAMES (default 300) sets how many frames are sent, at 30 per second.
+# QX_DEMO_FRAMES (default 300) sets how many frames are sent, at 30 per second;
+# QX_BUILD_DIR (default build) the build tree to use.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target gstqxedge gstqxanalytics qxedge-demo
+build="${QX_BUILD_DIR:-build}"
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" -j"$(nproc)" --target gstqxedge gstqxanalytics qxedge-demo
 
-export GST_PLUGIN_PATH="$PWD/build/plugins"
-export GST_REGISTRY="$PWD/build/demo-registry.bin"
+export GST_PLUGIN_PATH="$PWD/$build/plugins"
+export GST_REGISTRY="$PWD/$build/demo-registry.bin"
 frames="${QX_DEMO_FRAMES:-300}"
 out="demo-output"
 rm -rf "$out"
 mkdir -p "$out"
-demo=build/demo/qxedge-demo
+demo="$build/demo/qxedge-demo"
 
 echo "subscriber: qxedgesrc ! qxoverlay -> $out/"
 "$demo" subscribe --expect "$frames" --seconds $((frames / 30 + 60)) --out "$out" >"$out/subscriber.log" 2>&1 &
