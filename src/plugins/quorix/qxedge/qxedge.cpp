@@ -3,10 +3,7 @@
 #include <gst/gst.h>
 
 #include "qxedgesink.h"
-#if __has_include("qxedgesrc.h")
 #include "qxedgesrc.h"
-#define QX_HAVE_EDGESRC 1
-#endif
 
 GST_DEBUG_CATEGORY_STATIC(qx_edge_debug);
 
@@ -18,9 +15,7 @@ static gboolean plugin_init(GstPlugin *plugin) {
     if (!registered) {
         return registered;
     }
-#ifdef QX_HAVE_EDGESRC
     registered = gst_element_register(plugin, "qxedgesrc", GST_RANK_NONE, qx_edgesrc_get_type());
-#endif
     return registered;
 }
 
