@@ -10,15 +10,17 @@
 
 namespace srcexpect {
 
-inline constexpr const char* kAllGroupsWithVideo =
-    "VideoFrameData+ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
-inline constexpr const char* kResultGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
+// Results go out before their frame, so they are queued when the synchroniser
+// takes the frame; the other order leaves pairing to how the threads happen to run.
+inline constexpr const char *kAllGroupsWithVideo =
+    "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData+VideoFrameData";
+inline constexpr const char *kResultGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
 
 // Segmentation map: kSegRows rows of kSegCols pixels, runs of two equal pixels.
 inline constexpr int kSegRows = 3;
 inline constexpr int kSegCols = 6;
 
-inline VideoFrameData frame(int id, const std::string& stream, int width, int height, std::uint64_t timestamp) {
+inline VideoFrameData frame(int id, const std::string &stream, int width, int height, std::uint64_t timestamp) {
     VideoFrameData f;
     f.stream_id = stream;
     f.frame_id = id;
@@ -85,7 +87,7 @@ inline DeviceInfoData device() {
     return d;
 }
 
-inline void fillBatch(GstQxBatchMeta& meta, int id, const std::string& stream, int width, int height,
+inline void fillBatch(GstQxBatchMeta &meta, int id, const std::string &stream, int width, int height,
                       std::uint64_t timestamp) {
     meta.frames.push_back(frame(id, stream, width, height, timestamp));
     meta.devices.push_back(device());

@@ -32,12 +32,12 @@ struct Received {
 };
 
 class Subscriber {
-public:
+  public:
     // props: qxedgesrc properties ("taggroups=..."), caps: the capsfilter after it.
-    Subscriber(const std::string& props, const std::string& caps);
+    Subscriber(const std::string &props, const std::string &caps);
     ~Subscriber();
-    Subscriber(const Subscriber&) = delete;
-    Subscriber& operator=(const Subscriber&) = delete;
+    Subscriber(const Subscriber &) = delete;
+    Subscriber &operator=(const Subscriber &) = delete;
 
     // Sets the pipeline PLAYING on a thread of its own: the source blocks in
     // READY to PAUSED until the first frame arrives.
@@ -47,33 +47,33 @@ public:
     GstStateChangeReturn startResult();
     // True while the source is inside READY to PAUSED.
     bool waitingForFirstFrame() const;
-    bool pull(Received& out, std::chrono::milliseconds timeout);
+    bool pull(Received &out, std::chrono::milliseconds timeout);
     bool eos() const;
     // Unlocks a source that waits for data, as a flush does.
     bool unlockSource();
     GstStateChangeReturn stop();
-    GstElement* source() const { return source_; }
+    GstElement *source() const { return source_; }
 
-private:
-    GstElement* pipeline_ = nullptr;
-    GstElement* source_ = nullptr;
-    GstElement* appsink_ = nullptr;
+  private:
+    GstElement *pipeline_ = nullptr;
+    GstElement *source_ = nullptr;
+    GstElement *appsink_ = nullptr;
     std::shared_future<GstStateChangeReturn> startFuture_;
     bool stopped_ = false;
 };
 
 // Environment for a child pipeline process: the build plug-ins and a registry of its own.
-std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot& root, const std::string& tag);
+std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root, const std::string &tag);
 
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot& root,
-                                                     const std::vector<std::string>& options);
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root,
+                                                     const std::vector<std::string> &options);
 
 // The frames videotestsrc makes for the publisher's options, as B,G,R pictures.
-std::vector<cv::Mat> referenceFrames(const std::string& format, int width, int height, int frames, int speed);
+std::vector<cv::Mat> referenceFrames(const std::string &format, int width, int height, int frames, int speed);
 
 // Picture of a raw video buffer (I420, NV12 or BGR) as B,G,R.
-cv::Mat toBgr(GstBuffer* buffer, GstCaps* caps);
+cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps);
 
-double meanAbsDiff(const cv::Mat& a, const cv::Mat& b);
+double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
 
 } // namespace srctest

@@ -20,18 +20,18 @@ void initGst() {
     std::call_once(once, [] {
         if (!gst_is_initialized()) {
             char pattern[] = "/tmp/qxsrc-gst-XXXXXX";
-            const char* dir = ::mkdtemp(pattern);
+            const char *dir = ::mkdtemp(pattern);
             qxtest::useBuildPlugins(dir ? dir : "/tmp");
             gst_init(nullptr, nullptr);
         }
     });
 }
 
-Subscriber::Subscriber(const std::string& props, const std::string& caps) {
+Subscriber::Subscriber(const std::string &props, const std::string &caps) {
     initGst();
     const std::string description =
         "qxedgesrc name=src " + props + " ! " + caps + " ! appsink name=out sync=false max-buffers=500";
-    GError* error = nullptr;
+    GError *error = nullptr;
     pipeline_ = gst_parse_launch(description.c_str(), &error);
     if (error != nullptr) {
         std::string message = error->message;
@@ -50,7 +50,7 @@ Subscriber::~Subscriber() {
 }
 
 void Subscriber::start() {
-    GstElement* pipeline = pipeline_;
+    GstElement *pipeline = pipeline_;
     startFuture_ = std::async(std::launch::async, [pipeline] {
                        return gst_element_set_state(pipeline, GST_STATE_PLAYING);
                    }).share();
@@ -69,19 +69,19 @@ bool Subscriber::waitingForFirstFrame() const {
     return waiting;
 }
 
-bool Subscriber::pull(Received& out, std::chrono::milliseconds timeout) {
+bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
     // Before PAUSED the appsink returns at once; wait like a pull would.
     if (!started(0ms)) {
         std::this_thread::sleep_for(timeout);
         return false;
     }
-    GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink_),
-                                                     static_cast<GstClockTime>(timeout.count()) * GST_MSECOND);
+    GstSample *sample =
+        gst_app_sink_try_pull_sample(GST_APP_SINK(appsink_), static_cast<GstClockTime>(timeout.count()) * GST_MSECOND);
     if (sample == nullptr) return false;
-    GstBuffer* buffer = gst_sample_get_buffer(sample);
+    GstBuffer *buffer = gst_sample_get_buffer(sample);
     out = Received{};
     out.bgr = toBgr(buffer, gst_sample_get_caps(sample));
-    if (GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer)) {
+    if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer)) {
         out.hasMeta = true;
         out.frames = meta->frames;
         out.devices = meta->devices;
@@ -96,7 +96,7 @@ bool Subscriber::unlockSource() {
     // What the base class does when it flushes. While the source waits inside
     // READY to PAUSED its pad is still inactive and refuses flush events, and
     // the element's state lock is held, so this is the only way in.
-    GstBaseSrcClass* klass = GST_BASE_SRC_GET_CLASS(source_);
+    GstBaseSrcClass *klass = GST_BASE_SRC_GET_CLASS(source_);
     return klass->unlock != nullptr && klass->unlock(GST_BASE_SRC(source_));
 }
 
@@ -111,31 +111,31 @@ GstStateChangeReturn Subscriber::stop() {
     return gst_element_set_state(pipeline_, GST_STATE_NULL);
 }
 
-std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot& root, const std::string& tag) {
+std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root, const std::string &tag) {
     return {{"GST_PLUGIN_PATH", qxtest::pluginBuildDir()},
             {"GST_REGISTRY", root.file("registry-" + tag + ".bin")},
             {"GST_REGISTRY_FORK", "no"}};
 }
 
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot& root,
-                                                     const std::vector<std::string>& options) {
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root,
+                                                     const std::vector<std::string> &options) {
     std::vector<std::string> argv{std::string(QX_TEST_HELPER_DIR) + "/src_publisher"};
     argv.insert(argv.end(), options.begin(), options.end());
     return std::make_unique<qxtest::ChildProcess>(argv, root.path(), childEnv(root, "publisher"));
 }
 
-std::vector<cv::Mat> referenceFrames(const std::string& format, int width, int height, int frames, int speed) {
+std::vector<cv::Mat> referenceFrames(const std::string &format, int width, int height, int frames, int speed) {
     initGst();
     const std::string description = "videotestsrc num-buffers=" + std::to_string(frames) +
                                     " pattern=smpte horizontal-speed=" + std::to_string(speed) +
                                     " ! video/x-raw,format=" + format + ",width=" + std::to_string(width) +
                                     ",height=" + std::to_string(height) +
                                     ",framerate=30/1 ! appsink name=out sync=false";
-    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
-    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     std::vector<cv::Mat> out;
-    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
         out.push_back(toBgr(gst_sample_get_buffer(sample), gst_sample_get_caps(sample)));
         gst_sample_unref(sample);
     }
@@ -147,14 +147,15 @@ std::vector<cv::Mat> referenceFrames(const std::string& format, int width, int h
 
 namespace {
 // Copies a plane row by row into a packed matrix region.
-void copyRows(guint8* dst, const GstVideoFrame& frame, int plane, int rows, int rowBytes) {
-    const auto* src = static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
+void copyRows(guint8 *dst, const GstVideoFrame &frame, int plane, int rows, int rowBytes) {
+    const auto *src = static_cast<const guint8 *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
-    for (int r = 0; r < rows; ++r) std::memcpy(dst + r * rowBytes, src + r * stride, rowBytes);
+    for (int r = 0; r < rows; ++r)
+        std::memcpy(dst + r * rowBytes, src + r * stride, rowBytes);
 }
 } // namespace
 
-cv::Mat toBgr(GstBuffer* buffer, GstCaps* caps) {
+cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps) {
     GstVideoInfo info;
     if (!gst_video_info_from_caps(&info, caps)) return {};
     GstVideoFrame frame;
@@ -189,7 +190,7 @@ cv::Mat toBgr(GstBuffer* buffer, GstCaps* caps) {
     return bgr;
 }
 
-double meanAbsDiff(const cv::Mat& a, const cv::Mat& b) {
+double meanAbsDiff(const cv::Mat &a, const cv::Mat &b) {
     if (a.empty() || b.empty() || a.size() != b.size() || a.type() != b.type()) return 1e9;
     cv::Mat diff;
     cv::absdiff(a, b, diff);

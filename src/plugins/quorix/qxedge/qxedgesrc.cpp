@@ -35,30 +35,31 @@ static GstStaticPadTemplate src_template =
     GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(QX_EDGESRC_CAPS));
 
 G_DEFINE_TYPE_WITH_CODE(QxEdgeSrc, qx_edgesrc, GST_TYPE_PUSH_SRC,
-                        GST_DEBUG_CATEGORY_INIT(qx_edgesrc_debug, "qxedgesrc", 0, "debug category for qxedgesrc element"))
+                        GST_DEBUG_CATEGORY_INIT(qx_edgesrc_debug, "qxedgesrc", 0,
+                                                "debug category for qxedgesrc element"))
 
-static void qx_edgesrc_set_property(GObject* object, guint prop_id, const GValue* value, GParamSpec* pspec);
-static void qx_edgesrc_get_property(GObject* object, guint prop_id, GValue* value, GParamSpec* pspec);
-static void qx_edgesrc_dispose(GObject* object);
-static void qx_edgesrc_finalize(GObject* object);
-static GstStateChangeReturn qx_edgesrc_change_state(GstElement* element, GstStateChange transition);
-static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps);
-static GstCaps* qx_edgesrc_fixate(GstBaseSrc* bsrc, GstCaps* caps);
-static gboolean qx_edgesrc_is_seekable(GstBaseSrc* bsrc);
-static gboolean qx_edgesrc_unlock(GstBaseSrc* bsrc);
-static gboolean qx_edgesrc_unlock_stop(GstBaseSrc* bsrc);
-static GstFlowReturn qx_edge_src_fill(GstPushSrc* psrc, GstBuffer* buffer);
+static void qx_edgesrc_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec);
+static void qx_edgesrc_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec);
+static void qx_edgesrc_dispose(GObject *object);
+static void qx_edgesrc_finalize(GObject *object);
+static GstStateChangeReturn qx_edgesrc_change_state(GstElement *element, GstStateChange transition);
+static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps);
+static GstCaps *qx_edgesrc_fixate(GstBaseSrc *bsrc, GstCaps *caps);
+static gboolean qx_edgesrc_is_seekable(GstBaseSrc *bsrc);
+static gboolean qx_edgesrc_unlock(GstBaseSrc *bsrc);
+static gboolean qx_edgesrc_unlock_stop(GstBaseSrc *bsrc);
+static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer);
 
-bool qx_edgesrc_reading_stopped(QxEdgeSrc* src) {
-    const auto& edge = src->priv->edge;
+bool qx_edgesrc_reading_stopped(QxEdgeSrc *src) {
+    const auto &edge = src->priv->edge;
     return edge && edge->stopRequested.load();
 }
 
-static void qx_edgesrc_class_init(QxEdgeSrcClass* klass) {
-    GObjectClass* gobject_class = G_OBJECT_CLASS(klass);
-    GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
-    GstBaseSrcClass* basesrc_class = GST_BASE_SRC_CLASS(klass);
-    GstPushSrcClass* pushsrc_class = GST_PUSH_SRC_CLASS(klass);
+static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
+    GObjectClass *gobject_class = G_OBJECT_CLASS(klass);
+    GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+    GstBaseSrcClass *basesrc_class = GST_BASE_SRC_CLASS(klass);
+    GstPushSrcClass *pushsrc_class = GST_PUSH_SRC_CLASS(klass);
 
     gobject_class->set_property = qx_edgesrc_set_property;
     gobject_class->get_property = qx_edgesrc_get_property;
@@ -72,9 +73,10 @@ static void qx_edgesrc_class_init(QxEdgeSrcClass* klass) {
     g_object_class_install_property(
         gobject_class, PROP_SYNCMESSAGE,
         g_param_spec_boolean("syncmessage", "Syncmessage", "Show the Sync worker's message.", FALSE, flags));
-    g_object_class_install_property(
-        gobject_class, PROP_CONTEXT_ID,
-        g_param_spec_string("context-id", "Context-id", "Identify to the class of a thing for subscribing.", "", flags));
+    g_object_class_install_property(gobject_class, PROP_CONTEXT_ID,
+                                    g_param_spec_string("context-id", "Context-id",
+                                                        "Identify to the class of a thing for subscribing.", "",
+                                                        flags));
 
     gst_element_class_add_static_pad_template(element_class, &src_template);
     gst_element_class_set_static_metadata(element_class, "QUORIX Kelpkit source", "Source/Video",
@@ -91,7 +93,7 @@ static void qx_edgesrc_class_init(QxEdgeSrcClass* klass) {
     GST_INFO("qx_edgesrc_class_init ok.");
 }
 
-static void qx_edgesrc_init(QxEdgeSrc* src) {
+static void qx_edgesrc_init(QxEdgeSrc *src) {
     gst_video_info_init(&src->info);
     src->priv = new QxEdgeSrcPrivate();
     src->timestamp_offset = 0;
@@ -115,12 +117,12 @@ static void qx_edgesrc_init(QxEdgeSrc* src) {
     GST_INFO_OBJECT(src, "qx_edgesrc_init done.");
 }
 
-static void qx_edgesrc_set_property(GObject* object, guint prop_id, const GValue* value, GParamSpec* pspec) {
-    QxEdgeSrc* src = QX_EDGESRC(object);
-    QxEdgeSrcPrivate* priv = src->priv;
+static void qx_edgesrc_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec) {
+    QxEdgeSrc *src = QX_EDGESRC(object);
+    QxEdgeSrcPrivate *priv = src->priv;
     switch (prop_id) {
     case PROP_TAGGROUPS: {
-        const gchar* text = g_value_get_string(value);
+        const gchar *text = g_value_get_string(value);
         std::string names = text ? text : "";
         if (names == "uni") {
             // The combined record replaces the separate groups; the name is
@@ -136,7 +138,7 @@ static void qx_edgesrc_set_property(GObject* object, guint prop_id, const GValue
         priv->ImageReceiver.synchronizer.SetWorkerMessageFlag(g_value_get_boolean(value));
         break;
     case PROP_CONTEXT_ID: {
-        const gchar* text = g_value_get_string(value);
+        const gchar *text = g_value_get_string(value);
         priv->context_id = text ? text : "";
         std::cout << "context_id_String = " << priv->context_id << std::endl;
         priv->ImageReceiver.contextId = priv->context_id;
@@ -148,9 +150,9 @@ static void qx_edgesrc_set_property(GObject* object, guint prop_id, const GValue
     }
 }
 
-static void qx_edgesrc_get_property(GObject* object, guint prop_id, GValue* value, GParamSpec* pspec) {
-    QxEdgeSrc* src = QX_EDGESRC(object);
-    QxEdgeSrcPrivate* priv = src->priv;
+static void qx_edgesrc_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec) {
+    QxEdgeSrc *src = QX_EDGESRC(object);
+    QxEdgeSrcPrivate *priv = src->priv;
     switch (prop_id) {
     case PROP_TAGGROUPS: {
         std::string joined;
@@ -174,25 +176,25 @@ static void qx_edgesrc_get_property(GObject* object, guint prop_id, GValue* valu
     }
 }
 
-static void deinitEdge(QxEdgeSrc* src) {
+static void deinitEdge(QxEdgeSrc *src) {
     try {
         if (src->priv->edge) src->priv->edge->deinit();
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         GST_ERROR_OBJECT(src, "Closing the bus connection failed: %s", e.what());
     } catch (...) {
         GST_ERROR_OBJECT(src, "Closing the bus connection failed.");
     }
 }
 
-static void qx_edgesrc_dispose(GObject* object) {
-    QxEdgeSrc* src = QX_EDGESRC(object);
+static void qx_edgesrc_dispose(GObject *object) {
+    QxEdgeSrc *src = QX_EDGESRC(object);
     GST_INFO_OBJECT(src, "qx_edgesrc_dispose called");
     if (src->priv) deinitEdge(src);
     GST_INFO_OBJECT(src, "dispose called finished");
     G_OBJECT_CLASS(qx_edgesrc_parent_class)->dispose(object);
 }
 
-static void freeScratch(QxEdgeSrc* src) {
+static void freeScratch(QxEdgeSrc *src) {
     g_free(src->tmpline_u8);
     g_free(src->tmpline);
     g_free(src->tmpline2);
@@ -203,8 +205,8 @@ static void freeScratch(QxEdgeSrc* src) {
     src->tmpline_u16 = nullptr;
 }
 
-static void qx_edgesrc_finalize(GObject* object) {
-    QxEdgeSrc* src = QX_EDGESRC(object);
+static void qx_edgesrc_finalize(GObject *object) {
+    QxEdgeSrc *src = QX_EDGESRC(object);
     freeScratch(src);
     if (src->priv) {
         // The synchroniser worker is detached; tell it to end before its object goes.
@@ -216,8 +218,8 @@ static void qx_edgesrc_finalize(GObject* object) {
     G_OBJECT_CLASS(qx_edgesrc_parent_class)->finalize(object);
 }
 
-template <typename Record> static void startFrameReader(const std::shared_ptr<Edge>& edge, ReceiveImage* receiver,
-                                                         const std::string& contextId) {
+template <typename Record>
+static void startFrameReader(const std::shared_ptr<Edge> &edge, ReceiveImage *receiver, const std::string &contextId) {
     const std::string input = "VideoFrameData";
     if (contextId.empty()) {
         edge->readThreads.emplace_back(&Edge::run_read<ReceiveImage, Record>, edge.get(), receiver, input);
@@ -227,12 +229,12 @@ template <typename Record> static void startFrameReader(const std::shared_ptr<Ed
     }
 }
 
-static bool edge_subscribe(QxEdgeSrc* src) {
-    QxEdgeSrcPrivate* priv = src->priv;
+static bool edge_subscribe(QxEdgeSrc *src) {
+    QxEdgeSrcPrivate *priv = src->priv;
     if (priv->subscribed) return true;
 
     const std::string configFile = "config/Marlet.xml";
-    const char* envProperty = std::getenv("EDGE_PROPERTY");
+    const char *envProperty = std::getenv("EDGE_PROPERTY");
     const std::string propertyFile = envProperty ? envProperty : "config/VideoFrameThingInProperties.json";
     const std::string thingClassFile = "definitions/ThingClass/com.vision.data/VideoFrameThingInClass.json";
     GST_INFO_OBJECT(src, "Using VideoFrameInfo TagGroup as default taggroup");
@@ -244,8 +246,9 @@ static bool edge_subscribe(QxEdgeSrc* src) {
             if (priv->edge) startFrameReader<TOLVIXO::UniInfo>(priv->edge, &priv->ImageReceiver, priv->context_id);
         } else {
             priv->ImageReceiver.synchronizer.Start();
-            priv->edge = Edge::create(configFile, propertyFile, thingClassFile,
-                                      {"definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json"}, priv->context_id);
+            priv->edge =
+                Edge::create(configFile, propertyFile, thingClassFile,
+                             {"definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json"}, priv->context_id);
             if (priv->edge) startFrameReader<TOLVIXO::FrameInfo>(priv->edge, &priv->ImageReceiver, priv->context_id);
         }
         if (!priv->edge) {
@@ -259,7 +262,7 @@ static bool edge_subscribe(QxEdgeSrc* src) {
         if (!priv->taggroups.empty() && !priv->uni) {
             ModelLoader::addThingInByProp(priv->edge, priv->taggroups, priv->ImageReceiver, priv->context_id);
         }
-    } catch (const std::exception& e) {
+    } catch (const std::exception &e) {
         GST_ERROR_OBJECT(src, "edgesrc->priv->edge create VideoFrame failed in edge_subscribe.");
         GST_ERROR_OBJECT(src, "%s", e.what());
         deinitEdge(src);
@@ -274,8 +277,8 @@ static bool edge_subscribe(QxEdgeSrc* src) {
 
 // Blocks READY to PAUSED until the first frame arrived, reading stopped or
 // the source was told to unlock.
-static void waitForFirstFrame(QxEdgeSrc* src) {
-    ReceiveImage& receiver = src->priv->ImageReceiver;
+static void waitForFirstFrame(QxEdgeSrc *src) {
+    ReceiveImage &receiver = src->priv->ImageReceiver;
     for (;;) {
         if (qx_edgesrc_reading_stopped(src) || qx_edgesrc_terminate.load()) return;
         std::this_thread::sleep_for(std::chrono::microseconds(5));
@@ -296,8 +299,8 @@ static void waitForFirstFrame(QxEdgeSrc* src) {
     }
 }
 
-static GstStateChangeReturn qx_edgesrc_change_state(GstElement* element, GstStateChange transition) {
-    QxEdgeSrc* src = QX_EDGESRC(element);
+static GstStateChangeReturn qx_edgesrc_change_state(GstElement *element, GstStateChange transition) {
+    QxEdgeSrc *src = QX_EDGESRC(element);
     switch (transition) {
     case GST_STATE_CHANGE_NULL_TO_READY:
         GST_INFO_OBJECT(src, "NULL to READY");
@@ -323,8 +326,8 @@ static GstStateChangeReturn qx_edgesrc_change_state(GstElement* element, GstStat
     return GST_ELEMENT_CLASS(qx_edgesrc_parent_class)->change_state(element, transition);
 }
 
-static GstCaps* qx_edgesrc_fixate(GstBaseSrc* bsrc, GstCaps* caps) {
-    QxEdgeSrc* src = QX_EDGESRC(bsrc);
+static GstCaps *qx_edgesrc_fixate(GstBaseSrc *bsrc, GstCaps *caps) {
+    QxEdgeSrc *src = QX_EDGESRC(bsrc);
     GST_INFO_OBJECT(src, "in qx_edgesrc_fixate");
     int width = GST_VIDEO_INFO_WIDTH(&src->info);
     int height = GST_VIDEO_INFO_HEIGHT(&src->info);
@@ -339,7 +342,7 @@ static GstCaps* qx_edgesrc_fixate(GstBaseSrc* bsrc, GstCaps* caps) {
     caps = gst_caps_make_writable(caps);
     GST_DEBUG_OBJECT(src, "fixating caps %" GST_PTR_FORMAT, caps);
     for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
-        GstStructure* structure = gst_caps_get_structure(caps, i);
+        GstStructure *structure = gst_caps_get_structure(caps, i);
         if (gst_structure_has_field(structure, "width") && width > 0)
             gst_structure_fixate_field_nearest_int(structure, "width", width);
         if (gst_structure_has_field(structure, "height") && height > 0)
@@ -353,7 +356,7 @@ static GstCaps* qx_edgesrc_fixate(GstBaseSrc* bsrc, GstCaps* caps) {
     return GST_BASE_SRC_CLASS(qx_edgesrc_parent_class)->fixate(bsrc, caps);
 }
 
-static gboolean parseBayerCaps(QxEdgeSrc* src, const GstStructure* structure, GstVideoInfo* info) {
+static gboolean parseBayerCaps(QxEdgeSrc *src, const GstStructure *structure, GstVideoInfo *info) {
     gint width = 0;
     gint height = 0;
     gint fps_n = 0;
@@ -368,19 +371,19 @@ static gboolean parseBayerCaps(QxEdgeSrc* src, const GstStructure* structure, Gs
     }
     info->fps_n = fps_n;
     info->fps_d = fps_d;
-    if (const gchar* colorimetry = gst_structure_get_string(structure, "colorimetry"))
+    if (const gchar *colorimetry = gst_structure_get_string(structure, "colorimetry"))
         gst_video_colorimetry_from_string(&info->colorimetry, colorimetry);
-    const gchar* format = gst_structure_get_string(structure, "format");
-    static const char* const orders[] = {"bggr", "rggb", "grbg", "gbrg"};
-    for (const char* order : orders) {
+    const gchar *format = gst_structure_get_string(structure, "format");
+    static const char *const orders[] = {"bggr", "rggb", "grbg", "gbrg"};
+    for (const char *order : orders) {
         if (format != nullptr && g_str_equal(format, order)) return TRUE;
     }
     GST_ERROR_OBJECT(src, "videotestsrc invalid bayer format given");
     return FALSE;
 }
 
-static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
-    QxEdgeSrc* src = QX_EDGESRC(bsrc);
+static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
+    QxEdgeSrc *src = QX_EDGESRC(bsrc);
     GST_INFO_OBJECT(src, "in qx_edge_src_setcaps");
     if (gst_caps_get_size(caps) == 0) {
         GST_ERROR_OBJECT(src, "unsupported caps: %" GST_PTR_FORMAT, caps);
@@ -389,7 +392,7 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
     GST_OBJECT_LOCK(src);
     GstVideoInfo info;
     gst_video_info_init(&info);
-    const GstStructure* structure = gst_caps_get_structure(caps, 0);
+    const GstStructure *structure = gst_caps_get_structure(caps, 0);
     gboolean ok = TRUE;
     bool keepInfo = true;
     if (gst_structure_has_name(structure, "video/x-raw")) {
@@ -420,10 +423,10 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
     freeScratch(src);
     const gsize width = static_cast<gsize>(GST_VIDEO_INFO_WIDTH(&src->info));
     const gsize lines = static_cast<gsize>(GST_VIDEO_INFO_HEIGHT(&src->info));
-    src->tmpline_u8 = static_cast<guint8*>(g_malloc(width + 8));
-    src->tmpline = static_cast<guint8*>(g_malloc((width + 8) * 4));
-    src->tmpline2 = static_cast<guint8*>(g_malloc((width + 8) * 4));
-    src->tmpline_u16 = static_cast<guint16*>(g_malloc((lines + 16) * 8));
+    src->tmpline_u8 = static_cast<guint8 *>(g_malloc(width + 8));
+    src->tmpline = static_cast<guint8 *>(g_malloc((width + 8) * 4));
+    src->tmpline2 = static_cast<guint8 *>(g_malloc((width + 8) * 4));
+    src->tmpline_u16 = static_cast<guint16 *>(g_malloc((lines + 16) * 8));
     GST_DEBUG_OBJECT(src, "finish reset caps");
     GST_OBJECT_UNLOCK(src);
     // Without a pool downstream the base class allocates blocksize bytes a
@@ -432,25 +435,25 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc* bsrc, GstCaps* caps) {
     return TRUE;
 }
 
-static gboolean qx_edgesrc_is_seekable(GstBaseSrc*) { return FALSE; }
+static gboolean qx_edgesrc_is_seekable(GstBaseSrc *) { return FALSE; }
 
 // A flush or a state change away from PLAYING must not leave the streaming
 // thread waiting for bus data that may never come.
-static gboolean qx_edgesrc_unlock(GstBaseSrc* bsrc) {
+static gboolean qx_edgesrc_unlock(GstBaseSrc *bsrc) {
     GST_DEBUG_OBJECT(bsrc, "unlock");
     qx_edgesrc_terminate.store(true);
     return TRUE;
 }
 
-static gboolean qx_edgesrc_unlock_stop(GstBaseSrc* bsrc) {
+static gboolean qx_edgesrc_unlock_stop(GstBaseSrc *bsrc) {
     GST_DEBUG_OBJECT(bsrc, "unlock stop");
     qx_edgesrc_terminate.store(false);
     return TRUE;
 }
 
-static GstFlowReturn qx_edge_src_fill(GstPushSrc* psrc, GstBuffer* buffer) {
-    QxEdgeSrc* src = QX_EDGESRC(psrc);
-    GstMeta* meta = gst_buffer_add_meta(buffer, gst_qx_batch_meta_get_info(), nullptr);
+static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer) {
+    QxEdgeSrc *src = QX_EDGESRC(psrc);
+    GstMeta *meta = gst_buffer_add_meta(buffer, gst_qx_batch_meta_get_info(), nullptr);
     GST_DEBUG_OBJECT(src, "Added metadata into buffer.");
 
     if (GST_VIDEO_INFO_FORMAT(&src->info) == GST_VIDEO_FORMAT_UNKNOWN) return GST_FLOW_NOT_NEGOTIATED;
@@ -475,7 +478,7 @@ static GstFlowReturn qx_edge_src_fill(GstPushSrc* psrc, GstBuffer* buffer) {
     gst_video_frame_unmap(&frame);
 
     if (src->compressed == 1) {
-        const cv::Mat& image = src->priv->image;
+        const cv::Mat &image = src->priv->image;
         const gsize available = image.isContinuous() ? image.total() * image.elemSize() : 0;
         const gsize bytes = std::min<gsize>({src->compressed_size, available, gst_buffer_get_size(buffer)});
         gst_buffer_fill(buffer, 0, image.data, bytes);

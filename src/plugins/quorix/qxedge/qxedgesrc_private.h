@@ -32,13 +32,13 @@ struct QxEdgeSrcPrivate {
     bool uni = false;
 };
 
-typedef gboolean (*QxEdgeSrcReceiveFunc)(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, GstBuffer* buffer);
+typedef gboolean (*QxEdgeSrcReceiveFunc)(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer);
 
 struct _QxEdgeSrc {
     GstPushSrc parent;
 
     GstVideoInfo info;
-    QxEdgeSrcPrivate* priv;
+    QxEdgeSrcPrivate *priv;
 
     GstClockTime timestamp_offset;
     GstClockTime running_time;
@@ -49,10 +49,10 @@ struct _QxEdgeSrc {
     QxEdgeSrcReceiveFunc receive_image;
 
     // Line scratch buffers, re-allocated on every caps change.
-    guint8* tmpline_u8;
-    guint8* tmpline;
-    guint8* tmpline2;
-    guint16* tmpline_u16;
+    guint8 *tmpline_u8;
+    guint8 *tmpline;
+    guint8 *tmpline2;
+    guint16 *tmpline_u16;
 
     gint width_to_set;
     gint height_to_set;
@@ -68,4 +68,4 @@ struct _QxEdgeSrc {
 extern std::atomic<bool> qx_edgesrc_terminate;
 
 // True when the bus connection has stopped its readers.
-bool qx_edgesrc_reading_stopped(QxEdgeSrc* src);
+bool qx_edgesrc_reading_stopped(QxEdgeSrc *src);

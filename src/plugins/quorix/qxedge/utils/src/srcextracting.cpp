@@ -20,7 +20,7 @@ namespace {
 // Sleeps that a signal cuts short are resumed for the time left: std::this_thread::sleep_for does so.
 void sleepMillisecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
-bool receiverHasPicture(ReceiveImage& receiver) {
+bool receiverHasPicture(ReceiveImage &receiver) {
     std::lock_guard<std::mutex> lock(m);
     return receiver.image.cols != 0 && receiver.image.rows != 0;
 }
@@ -28,16 +28,16 @@ bool receiverHasPicture(ReceiveImage& receiver) {
 // Copies the front entry off the queue. The queue is shared with the
 // synchroniser worker, which appends under m, so m is held for the copy and
 // the erase and nothing else.
-bool takeFrontEntry(ReceiveImage& receiver, SynchronizedData& out) {
+bool takeFrontEntry(ReceiveImage &receiver, SynchronizedData &out) {
     std::lock_guard<std::mutex> lock(m);
-    auto& queue = receiver.synchronizer.syncPool.synchronizedVec;
+    auto &queue = receiver.synchronizer.syncPool.synchronizedVec;
     if (queue.empty()) return false;
     out = queue.front();
     queue.erase(queue.begin());
     return true;
 }
 
-std::size_t queuedEntries(ReceiveImage& receiver) {
+std::size_t queuedEntries(ReceiveImage &receiver) {
     std::lock_guard<std::mutex> lock(m);
     return receiver.synchronizer.syncPool.synchronizedVec.size();
 }
@@ -46,20 +46,21 @@ int roundUp(int value, int multiple) { return (value + multiple - 1) / multiple 
 
 // BGR rows are copied at the frame's stride; never more than the frame holds,
 // whatever size the picture has.
-void copyPackedRows(const cv::Mat& image, GstVideoFrame* frame) {
-    auto* dst = static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0));
+void copyPackedRows(const cv::Mat &image, GstVideoFrame *frame) {
+    auto *dst = static_cast<guint8 *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0));
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
     const int rows = std::min(image.rows, static_cast<int>(GST_VIDEO_FRAME_HEIGHT(frame)));
     const std::size_t rowBytes =
         static_cast<std::size_t>(std::min(image.cols, static_cast<int>(GST_VIDEO_FRAME_WIDTH(frame)))) * 3;
-    for (int r = 0; r < rows; ++r) std::memcpy(dst + static_cast<std::size_t>(r) * stride, image.ptr(r), rowBytes);
+    for (int r = 0; r < rows; ++r)
+        std::memcpy(dst + static_cast<std::size_t>(r) * stride, image.ptr(r), rowBytes);
 }
 
 } // namespace
 
-gboolean qx_edge_receive_data(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, GstBuffer* buffer) {
+gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer) {
     try {
-        ReceiveImage& receiver = src->priv->ImageReceiver;
+        ReceiveImage &receiver = src->priv->ImageReceiver;
         while (!qx_edgesrc_reading_stopped(src) && !qx_edgesrc_terminate.load()) {
             sleepMillisecond();
             if (!receiverHasPicture(receiver)) continue;
@@ -74,20 +75,20 @@ gboolean qx_edge_receive_data(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* met
     }
 }
 
-bool extractingData(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, ReceiveImage& receiver, GstBuffer*) {
+bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, ReceiveImage &receiver, GstBuffer *) {
     const std::size_t queued = queuedEntries(receiver);
     if (queued == 0) return false;
     GST_LOG_OBJECT(src, "There are %d data remain in synchronizedVec of syncPool.", static_cast<int>(queued));
     // Entry point of the queue from the element: ImageReceiver.synchronizer.syncPool.synchronizedVec.size() > 0
 
-    cv::Mat& image = src->priv->image;
+    cv::Mat &image = src->priv->image;
     {
         std::lock_guard<std::mutex> extractLock(extract_mutex);
         SynchronizedData entry;
         if (!takeFrontEntry(receiver, entry)) return false;
         try {
             entry.frameInfo.ToMat(image);
-        } catch (const std::exception& e) {
+        } catch (const std::exception &e) {
             // A frame whose bytes do not match its size came off the bus: drop
             // it and wait for the next one rather than stop the stream.
             GST_WARNING_OBJECT(src, "Dropped frame %u that does not decode: %s", entry.frameInfo.frame_id, e.what());
@@ -103,7 +104,7 @@ bool extractingData(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, Receive
 
     const int width = GST_VIDEO_INFO_WIDTH(&src->info);
     const int height = GST_VIDEO_INFO_HEIGHT(&src->info);
-    const char* formatName = GST_VIDEO_FRAME_FORMAT(frame) == GST_VIDEO_FORMAT_ENCODED
+    const char *formatName = GST_VIDEO_FRAME_FORMAT(frame) == GST_VIDEO_FORMAT_ENCODED
                                  ? "ENCODED"
                                  : gst_video_format_to_string(GST_VIDEO_FRAME_FORMAT(frame));
     const std::uint64_t format = hash_(formatName ? formatName : "");
@@ -120,16 +121,16 @@ bool extractingData(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, Receive
     case hash_("I420"): {
         int strideY = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
         int strideCbCr = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 1);
-        RGB8882YUVI420p(image, static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
-                        static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)),
-                        static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 2)), strideY, strideCbCr);
+        RGB8882YUVI420p(image, static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
+                        static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)),
+                        static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 2)), strideY, strideCbCr);
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);
         break;
     }
     case hash_("NV12"): {
         int strideY = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
-        RGB8882YUVNV12(image, static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
-                       static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)), strideY);
+        RGB8882YUVNV12(image, static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
+                       static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)), strideY);
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);
         break;
     }
@@ -147,14 +148,14 @@ bool extractingData(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, Receive
     return true;
 }
 
-std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::SegmentInfo& segment,
+std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::SegmentInfo &segment,
                                                                 std::size_t maxEntries) {
     std::vector<std::vector<quorix::ai::SegmentResult>> rows;
     if (segment.data.empty()) return rows;
     // Every element of one record describes the same map; the first one's width is the row length.
     const std::size_t rowLength = segment.data.front().width;
     std::size_t total = 0;
-    for (const auto& element : segment.data) {
+    for (const auto &element : segment.data) {
         quorix::ai::SegmentResult pixel;
         pixel.class_id = static_cast<std::int32_t>(element.color);
         pixel.prob = element.probability;
@@ -171,15 +172,15 @@ std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::S
     return rows;
 }
 
-void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry) {
+void extractInfo2Meta(GstMeta *meta, SynchronizedData *entry) {
     if (meta == nullptr) {
         GST_DEBUG("GstMeta is NULL");
         return;
     }
-    auto* batch = reinterpret_cast<GstQxBatchMeta*>(meta);
+    auto *batch = reinterpret_cast<GstQxBatchMeta *>(meta);
     GST_INFO("[prepare to add metadata...]");
 
-    const TOLVIXO::FrameInfo& record = entry->frameInfo;
+    const TOLVIXO::FrameInfo &record = entry->frameInfo;
     VideoFrameData frame;
     frame.stream_id = record.stream_id;
     frame.frame_id = static_cast<int>(record.frame_id);
@@ -191,7 +192,7 @@ void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry) {
     frame.device_idx = 0;
     frame.is_compress = record.compression != "com.vision.models.COMPRESSION_KIND_NONE";
 
-    for (const auto& c : entry->classification.data) {
+    for (const auto &c : entry->classification.data) {
         quorix::ai::ClassificationResult result;
         result.index = c.index;
         result.output = c.output;
@@ -199,7 +200,7 @@ void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry) {
         result.prob = c.probability;
         frame.class_results.push_back(std::move(result));
     }
-    for (const auto& d : entry->detectionBox.data) {
+    for (const auto &d : entry->detectionBox.data) {
         quorix::ai::DetectionBoxResult result;
         result.obj_id = d.obj_id;
         result.obj_label = d.obj_label;
@@ -219,7 +220,7 @@ void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry) {
     const std::size_t maxEntries = std::max<std::size_t>(pixels, 1u << 16);
     frame.seg_results = segmentRows(entry->segmentInfo, std::min<std::size_t>(maxEntries, 1u << 24));
 
-    const TOLVIXO::DeviceInfo& d = entry->deviceInfo;
+    const TOLVIXO::DeviceInfo &d = entry->deviceInfo;
     DeviceInfoData device;
     device.stream_id = d.stream_id;
     device.mac_address = d.mac_address;
@@ -243,10 +244,10 @@ void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry) {
     }
 }
 
-std::string getMetaString(GstQxBatchMeta* meta) {
+std::string getMetaString(GstQxBatchMeta *meta) {
     std::ostringstream out;
     if (meta == nullptr) return out.str();
-    for (const auto& frame : meta->frames) {
+    for (const auto &frame : meta->frames) {
         out << "### VideoFrameData ###\n";
         out << "stream_id = " << frame.stream_id << "\n";
         out << "frame_id = " << frame.frame_id << "\n";
@@ -258,7 +259,7 @@ std::string getMetaString(GstQxBatchMeta* meta) {
         out << "device_idx = " << frame.device_idx << "\n";
         out << "is_compress = " << frame.is_compress << "\n";
         for (std::size_t i = 0; i < frame.class_results.size(); ++i) {
-            const auto& c = frame.class_results[i];
+            const auto &c = frame.class_results[i];
             out << "   classification result [" << i << "]\n";
             out << "   index = " << c.index << "\n";
             out << "   output = " << c.output << "\n";
@@ -266,7 +267,7 @@ std::string getMetaString(GstQxBatchMeta* meta) {
             out << "   prob = " << c.prob << "\n";
         }
         for (std::size_t i = 0; i < frame.det_results.size(); ++i) {
-            const auto& d = frame.det_results[i];
+            const auto &d = frame.det_results[i];
             out << "   detection box result [" << i << "]\n";
             out << "   (obj_id, obj_label) = (" << d.obj_id << ", " << d.obj_label << ")\n";
             out << "   (class_id, class_label) = (" << d.class_id << ", " << d.class_label << ")\n";
@@ -275,11 +276,12 @@ std::string getMetaString(GstQxBatchMeta* meta) {
             out << "   meta = " << d.meta << "\n";
         }
         std::size_t pixels = 0;
-        for (const auto& row : frame.seg_results) pixels += row.size();
+        for (const auto &row : frame.seg_results)
+            pixels += row.size();
         out << "seg_results = " << frame.seg_results.size() << " rows, " << pixels << " pixels\n";
         out << "-----------\n";
     }
-    for (const auto& device : meta->devices) {
+    for (const auto &device : meta->devices) {
         out << "### DeviceInfoData ###\n";
         out << "stream_id = " << device.stream_id << "\n";
         out << "mac_address = " << device.mac_address << "\n";

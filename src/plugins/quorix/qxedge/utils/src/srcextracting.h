@@ -19,19 +19,19 @@ extern std::mutex extract_mutex;
 // The element's receive_image: waits for the oldest synchronised entry and
 // writes it into frame and meta. False only when extraction failed in a way
 // that the element cannot go on from.
-gboolean qx_edge_receive_data(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, GstBuffer* buffer);
+gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer);
 
 // Takes one entry off the output queue; false when none is queued.
-bool extractingData(QxEdgeSrc* src, GstVideoFrame* frame, GstMeta* meta, ReceiveImage& receiver, GstBuffer* buffer);
+bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, ReceiveImage &receiver, GstBuffer *buffer);
 
 // Fills the batch metadata from one synchronised entry.
-void extractInfo2Meta(GstMeta* meta, SynchronizedData* entry);
+void extractInfo2Meta(GstMeta *meta, SynchronizedData *entry);
 
 // Multi-line text of a batch, for debug output.
-std::string getMetaString(GstQxBatchMeta* meta);
+std::string getMetaString(GstQxBatchMeta *meta);
 
 // Rebuilds segmentation rows from run-length elements: each element stands
 // for `repeat` neighbouring pixels of one class; rows are `width` entries long.
 // At most maxEntries pixels are rebuilt, so a hostile record cannot exhaust memory.
-std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::SegmentInfo& segment,
+std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::SegmentInfo &segment,
                                                                 std::size_t maxEntries);
