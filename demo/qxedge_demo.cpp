@@ -26,7 +26,10 @@ namespace {
 using qxdemo::DemoOptions;
 using Clock = std::chrono::steady_clock;
 
-const char* const kAllTagGroups = "VideoFrameData+ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
+// Results go out before their frame, so they are already queued on the
+// subscriber when the frame is paired; frames first leave the pairing one
+// result behind.
+const char* const kAllTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData+VideoFrameData";
 const char* const kResultTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
 
 std::string rawCaps(const char* format, const DemoOptions& o) {
