@@ -41,13 +41,9 @@ struct Arrival {
 struct PassCase {
     const char *name;
     std::vector<Arrival> passes; // one pass after each arrival
-    // State after the last pass.
+    // State after the last pass: what went out and what is still queued.
     std::vector<Published> published;
-    std::vector<std::uint32_t> framesLeft;
-    std::vector<std::uint32_t> classificationsLeft;
-    std::vector<std::uint32_t> detectionsLeft;
-    std::vector<std::uint32_t> segmentsLeft;
-    std::size_t devicesLeft;
+    Arrival left;
     bool restartAnnounced;
 };
 
@@ -76,6 +72,19 @@ std::vector<Arrival> oneFramePerPass(std::uint32_t first, std::uint32_t last) {
     return out;
 }
 
+// Frames first..last published with nothing paired.
+std::vector<Published> bare(std::uint32_t first, std::uint32_t last) {
+    std::vector<Published> out;
+    for (std::uint32_t id = first; id <= last; ++id)
+        out.push_back({id, "", 0, 0, 0});
+    return out;
+}
+
+std::vector<Published> operator+(std::vector<Published> a, const std::vector<Published> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 class SyncPassTest : public ::testing::TestWithParam<PassCase> {};
 
 TEST_P(SyncPassTest, PairsFramesWithResults) {
@@ -102,11 +111,14 @@ TEST_P(SyncPassTest, PairsFramesWithResults) {
     std::lock_guard<std::mutex> lock(m);
     const poolingData &pool = sync.syncPool;
     EXPECT_EQ(published(pool), c.published);
-    EXPECT_EQ(ids(pool.frameInfoVec), c.framesLeft);
-    EXPECT_EQ(ids(pool.classificationVec), c.classificationsLeft);
-    EXPECT_EQ(ids(pool.detectionBoxVec), c.detectionsLeft);
-    EXPECT_EQ(ids(pool.segmentInfoVec), c.segmentsLeft);
-    EXPECT_EQ(pool.deviceInfoVec.size(), c.devicesLeft);
+    EXPECT_EQ(ids(pool.frameInfoVec), c.left.frames);
+    EXPECT_EQ(ids(pool.classificationVec), c.left.classifications);
+    EXPECT_EQ(ids(pool.detectionBoxVec), c.left.detections);
+    EXPECT_EQ(ids(pool.segmentInfoVec), c.left.segments);
+    std::vector<std::string> devicesLeft;
+    for (const auto &d : pool.deviceInfoVec)
+        devicesLeft.push_back(d.dev_id);
+    EXPECT_EQ(devicesLeft, c.left.devices);
     // Without the message flag the restart line is the only output.
     EXPECT_EQ(out, c.restartAnnounced ? "clear all queued data from marlet\n" : "");
 }
@@ -127,137 +139,47 @@ INSTANTIATE_TEST_SUITE_P(
     WalkingOrder, SyncPassTest,
     ::testing::Values(
         // Index i is read while the front goes: frame 1, then frame 3, frame 2 removed unread.
-        PassCase{"three_frames_first_pass",
-                 {{{1, 2, 3}, {}, {}, {}, {}}},
-                 {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}},
-                 {3},
-                 {},
-                 {},
-                 {},
-                 0,
-                 false},
+        PassCase{"three_frames_first_pass", {{{1, 2, 3}}}, {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}}, {{3}}, false},
         PassCase{"three_frames_second_pass_publishes_the_third_again",
-                 {{{1, 2, 3}, {}, {}, {}, {}}, {}},
+                 {{{1, 2, 3}}, {}},
                  {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}, {3, "", 0, 0, 0}},
                  {},
-                 {},
-                 {},
-                 {},
-                 0,
                  false},
         // 5 is passed over (front removed), index 1 of [6, 7] is 7: copied, but 6 is what goes.
-        PassCase{"classification_walk_removes_front_on_match",
-                 {{{7}, {5, 6, 7}, {}, {}, {}}},
-                 {{7, "", 7, 0, 0}},
-                 {},
-                 {7},
-                 {},
-                 {},
-                 0,
-                 false},
-        // After 2 is removed the walk is at index 1 of a one-element queue: 4 is not reached.
-        PassCase{"result_behind_an_older_one_is_missed",
-                 {{{4}, {2, 4}, {}, {}, {}}},
-                 {{4, "", 0, 0, 0}},
-                 {},
-                 {4},
-                 {},
-                 {},
-                 0,
-                 false},
-        PassCase{"later_result_stays_queued", {{{4}, {9}, {4}, {}, {}}}, {{4, "", 0, 4, 0}}, {}, {9}, {}, {}, 0, false},
         PassCase{
-            "all_three_kinds_matched", {{{3}, {3}, {3, 4}, {3}, {}}}, {{3, "", 3, 3, 3}}, {}, {}, {4}, {}, 0, false},
-        PassCase{"nine_bare_frames_published_tenth_held_back",
-                 oneFramePerPass(1, 10),
-                 {{1, "", 0, 0, 0},
-                  {2, "", 0, 0, 0},
-                  {3, "", 0, 0, 0},
-                  {4, "", 0, 0, 0},
-                  {5, "", 0, 0, 0},
-                  {6, "", 0, 0, 0},
-                  {7, "", 0, 0, 0},
-                  {8, "", 0, 0, 0},
-                  {9, "", 0, 0, 0}},
-                 {10},
-                 {},
-                 {},
-                 {},
-                 0,
-                 false},
+            "classification_walk_removes_front_on_match", {{{7}, {5, 6, 7}}}, {{7, "", 7, 0, 0}}, {{}, {7}}, false},
+        // After 2 is removed the walk is at index 1 of a one-element queue: 4 is not reached.
+        PassCase{"result_behind_an_older_one_is_missed", {{{4}, {2, 4}}}, {{4, "", 0, 0, 0}}, {{}, {4}}, false},
+        PassCase{"later_result_stays_queued", {{{4}, {9}, {4}}}, {{4, "", 0, 4, 0}}, {{}, {9}}, false},
+        PassCase{"all_three_kinds_matched", {{{3}, {3}, {3, 4}, {3}}}, {{3, "", 3, 3, 3}}, {{}, {}, {4}}, false},
+        PassCase{"nine_bare_frames_published_tenth_held_back", oneFramePerPass(1, 10), bare(1, 9), {{10}}, false},
         // The held-back frame goes out on the next pass: the count restarted.
-        PassCase{"held_back_frame_published_next_pass",
-                 tenBareThenMore(),
-                 {{1, "", 0, 0, 0},
-                  {2, "", 0, 0, 0},
-                  {3, "", 0, 0, 0},
-                  {4, "", 0, 0, 0},
-                  {5, "", 0, 0, 0},
-                  {6, "", 0, 0, 0},
-                  {7, "", 0, 0, 0},
-                  {8, "", 0, 0, 0},
-                  {9, "", 0, 0, 0},
-                  {10, "", 0, 0, 0}},
-                 {},
-                 {},
-                 {},
-                 {},
-                 0,
-                 false},
+        PassCase{"held_back_frame_published_next_pass", tenBareThenMore(), bare(1, 10), {}, false},
         // A match restarts the unmatched count, so no frame of the ten is held back.
         PassCase{"match_restarts_the_unmatched_count",
                  tenWithMatchAtFive(),
-                 {{1, "", 0, 0, 0},
-                  {2, "", 0, 0, 0},
-                  {3, "", 0, 0, 0},
-                  {4, "", 0, 0, 0},
-                  {5, "", 5, 0, 0},
-                  {6, "", 0, 0, 0},
-                  {7, "", 0, 0, 0},
-                  {8, "", 0, 0, 0},
-                  {9, "", 0, 0, 0},
-                  {10, "", 0, 0, 0}},
+                 bare(1, 4) + std::vector<Published>{{5, "", 5, 0, 0}} + bare(6, 10),
                  {},
-                 {},
-                 {},
-                 {},
-                 0,
                  false},
         PassCase{"restart_clears_results_and_devices_but_not_segments",
-                 {{{5}, {}, {}, {}, {}}, {{2}, {7}, {8}, {9}, {"cam"}}},
+                 {{{5}}, {{2}, {7}, {8}, {9}, {"cam"}}},
                  {{5, "", 0, 0, 0}},
-                 {2},
-                 {},
-                 {},
-                 {9},
-                 0,
+                 {{2}, {}, {}, {9}},
                  true},
         PassCase{"restarted_frame_published_next_pass",
-                 {{{5}, {}, {}, {}, {}}, {{2}, {7}, {8}, {2, 9}, {"cam"}}, {}},
+                 {{{5}}, {{2}, {7}, {8}, {2, 9}, {"cam"}}, {}},
                  {{5, "", 0, 0, 0}, {2, "", 0, 0, 2}},
-                 {},
-                 {},
-                 {},
-                 {9},
-                 0,
+                 {{}, {}, {}, {9}},
                  true},
         PassCase{"device_used_by_next_frame_others_discarded",
-                 {{{1}, {}, {}, {}, {}}, {{2}, {}, {}, {}, {"a", "b"}}, {{3}, {}, {}, {}, {}}},
+                 {{{1}}, {{2}, {}, {}, {}, {"a", "b"}}, {{3}}},
                  {{1, "", 0, 0, 0}, {2, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
                  {},
-                 {},
-                 {},
-                 {},
-                 0,
                  false},
         PassCase{"device_taken_by_first_frame_of_a_pass",
                  {{{1, 2, 3}, {}, {}, {}, {"a"}}},
                  {{1, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
-                 {3},
-                 {},
-                 {},
-                 {},
-                 0,
+                 {{3}},
                  false}),
     [](const ::testing::TestParamInfo<PassCase> &info) { return std::string(info.param.name); });
 

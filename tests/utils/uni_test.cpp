@@ -11,41 +11,14 @@ using namespace TOLVIXO;
 
 namespace {
 
-constexpr auto S = IotKind::iotv_string;
-constexpr auto U32 = IotKind::iotv_uint32;
-constexpr auto I32 = IotKind::iotv_int32;
-constexpr auto I64 = IotKind::iotv_int64;
-constexpr auto F32 = IotKind::iotv_float32;
-constexpr auto BYTES = IotKind::iotv_byte_seq;
-constexpr auto SEQ = IotKind::iotv_nvp_seq;
-
-const std::vector<WireField> kUniWire = {{"VideoList", SEQ}, {"DeviceList", SEQ}};
-const std::vector<WireField> kUniFrameWire = {{"stream_id", S},
-                                              {"frame_id", U32},
-                                              {"timestamp", I64},
-                                              {"data", BYTES},
-                                              {"width", U32},
-                                              {"height", U32},
-                                              {"channels", U32},
-                                              {"size", U32},
-                                              {"format", S},
-                                              {"compression", S},
-                                              {"framerate", F32},
-                                              {"ClassificationResult", SEQ},
-                                              {"DetectionResult", SEQ},
-                                              {"SegmentationResult", SEQ}};
-const std::vector<WireField> kUniClassWire = {
-    {"engine_id", S}, {"index", U32}, {"output", S}, {"label", S}, {"probability", F32}};
-const std::vector<WireField> kUniBoxWire = {
-    {"engin_id", S}, {"obj_id", U32}, {"obj_label", S}, {"class_id", U32},    {"class_label", S}, {"x1", F32},
-    {"y1", F32},     {"x2", F32},     {"y2", F32},      {"probability", F32}, {"meta", S}};
-const std::vector<WireField> kUniMaskWire = {{"id", U32},          {"repeat", U32},   {"width", U32}, {"height", U32},
-                                             {"size", U32},        {"channels", U32}, {"color", U32}, {"label", S},
-                                             {"probability", F32}, {"data", BYTES}};
-const std::vector<WireField> kUniDeviceWire = {{"stream_id", S},  {"mac_address", S},  {"ip_address", S}, {"port", I32},
-                                               {"uri", S},        {"manufacturer", S}, {"model", S},      {"serial", S},
-                                               {"fw_version", S}, {"dev_id", S},       {"status", S},     {"kind", S},
-                                               {"protocol", S}};
+const Wire kUniWire = {{"VideoList", SEQ}, {"DeviceList", SEQ}};
+const Wire kUniFrameWire =
+    kFrameWire + Wire{{"ClassificationResult", SEQ}, {"DetectionResult", SEQ}, {"SegmentationResult", SEQ}};
+const Wire kUniClassWire = {{"engine_id", S}, {"index", U32}, {"output", S}, {"label", S}, {"probability", F32}};
+// "engin_id" on purpose: it is what peers have always written.
+const Wire kUniBoxWire = {{"engin_id", S},    {"obj_id", U32},      {"obj_label", S}, {"class_id", U32},
+                          {"class_label", S}, {"x1", F32},          {"y1", F32},      {"x2", F32},
+                          {"y2", F32},        {"probability", F32}, {"meta", S}};
 
 IXO_VideoFrameData sampleFrame(std::uint32_t id) {
     IXO_VideoFrameData f;
@@ -63,37 +36,12 @@ IXO_VideoFrameData sampleFrame(std::uint32_t id) {
     f.classificationResult.push_back({"eng-c", 4294967295u, "out", "car", 0.5f});
     f.detectionResult.push_back({"eng-d", 1, 2, "person", "human", 1.0f, 2.0f, 3.0f, 4.0f, 0.9f, "m1"});
     f.detectionResult.push_back({"eng-d", 3, 4, "dog", "animal", 5.0f, 6.0f, 7.0f, 8.0f, 0.1f, "m2"});
-    IXO_SegmentationData m;
-    m.id = 7;
-    m.repeat = 1;
-    m.width = 10;
-    m.height = 10;
-    m.size = 2;
-    m.channels = 1;
-    m.color = 255;
-    m.label = "road";
-    m.probability = 0.25f;
-    m.data = {9, 9};
-    f.segmentationResult.push_back(m);
+    f.segmentationResult.push_back({7, 1, 10, 10, 2, 1, 255, "road", 0.25f, {9, 9}});
     return f;
 }
 
 IXO_DeviceInfoData sampleDevice() {
-    IXO_DeviceInfoData d;
-    d.stream_id = "cam";
-    d.mac_address = "aa";
-    d.ip_address = "127.0.0.3";
-    d.port = 8554;
-    d.uri = "rtsp://127.0.0.3/";
-    d.manufacturer = "Quorix";
-    d.model = "m";
-    d.serial = "s";
-    d.fw_version = "f";
-    d.dev_id = "d";
-    d.status = "on";
-    d.kind = "cam";
-    d.protocol = "rtsp";
-    return d;
+    return {"cam", "aa", "127.0.0.3", 8554, "rtsp://127.0.0.3/", "Quorix", "m", "s", "f", "d", "on", "cam", "rtsp"};
 }
 
 UniInfo sampleUni() {
@@ -115,22 +63,18 @@ TEST(RecordsUniWire, EncoderWritesTheAgreedLayout) {
     const auto pairs = sampleUni().Encode();
     expectWire(pairs, kUniWire, "UniInfo");
     expectListOf(pairs[0], 2, kUniFrameWire, "VideoList");
-    expectListOf(pairs[1], 1, kUniDeviceWire, "DeviceList");
+    expectListOf(pairs[1], 1, kDeviceWire, "DeviceList");
 
     const auto frame = pairs[0].value().iotv_nvp_seq()[0].value().iotv_nvp_seq();
     expectListOf(frame[11], 1, kUniClassWire, "ClassificationResult");
     expectListOf(frame[12], 2, kUniBoxWire, "DetectionResult");
-    expectListOf(frame[13], 1, kUniMaskWire, "SegmentationResult");
+    expectListOf(frame[13], 1, kMaskWire, "SegmentationResult");
     EXPECT_EQ(pairNamed(frame[12].value().iotv_nvp_seq()[0].value().iotv_nvp_seq(), "engin_id").value().iotv_string(),
               "eng-d");
 }
 
 TEST(RecordsUniRoundTrip, EverythingButTheBoxEngineIdSurvives) {
     const UniInfo back = UniInfo::Decode(asSample(sampleUni().Encode()));
-    ASSERT_EQ(back.videoList.size(), 2u);
-    ASSERT_EQ(back.deviceList.size(), 1u);
-    EXPECT_EQ(back.videoList[1].frame_id, 2u);
-
     // Boxes come back without their engine id (written as "engin_id", read
     // as "engine_id"); with it cleared on the original, both encode the same.
     UniInfo expected = sampleUni();
@@ -138,15 +82,6 @@ TEST(RecordsUniRoundTrip, EverythingButTheBoxEngineIdSurvives) {
         for (auto &b : f.detectionResult)
             b.engine_id.clear();
     EXPECT_EQ(back.Encode(), expected.Encode());
-
-    const auto &boxes = back.videoList[0].detectionResult;
-    ASSERT_EQ(boxes.size(), 2u);
-    EXPECT_EQ(boxes[0].engine_id, "");
-    EXPECT_EQ(boxes[0].obj_label, "person");
-    EXPECT_EQ(boxes[1].meta, "m2");
-    EXPECT_EQ(back.videoList[0].classificationResult[0].index, 4294967295u);
-    EXPECT_EQ(back.videoList[0].classificationResult[0].engine_id, "eng-c");
-    EXPECT_EQ(back.deviceList[0].port, 8554);
 }
 
 TEST(RecordsUniDecode, BoxFromAPeerThatWritesEngineIdKeepsIt) {

@@ -34,35 +34,19 @@ inline std::vector<unsigned char> patternBytes(std::uint32_t seed) {
     return bytes;
 }
 
+inline const char *const kBgr = "com.vision.models.PIXEL_FORMAT_BGR8";
+inline const char *const kUncompressed = "com.vision.models.COMPRESSION_KIND_NONE";
+
 inline TOLVIXO::FrameInfo frame(std::uint32_t frameId, const std::string &streamId = "cam-front") {
     std::vector<unsigned char> bytes = patternBytes(frameId);
     const auto size = static_cast<std::uint32_t>(bytes.size());
-    return {streamId,
-            frameId,
-            20240102030405006LL,
-            std::move(bytes),
-            kWidth,
-            kHeight,
-            3,
-            size,
-            "com.vision.models.PIXEL_FORMAT_BGR8",
-            "com.vision.models.COMPRESSION_KIND_NONE",
-            29.97f};
+    return {streamId,      frameId, 20240102030405006LL, std::move(bytes), kWidth, kHeight, 3, size, kBgr,
+            kUncompressed, 29.97f};
 }
 
 // A frame small enough to send many times.
 inline TOLVIXO::FrameInfo smallFrame(std::uint32_t frameId, const std::string &streamId) {
-    return {streamId,
-            frameId,
-            0,
-            {1, 2, 3, 4, 5, 6},
-            2,
-            1,
-            3,
-            6,
-            "com.vision.models.PIXEL_FORMAT_BGR8",
-            "com.vision.models.COMPRESSION_KIND_NONE",
-            0.0f};
+    return {streamId, frameId, 0, {1, 2, 3, 4, 5, 6}, 2, 1, 3, 6, kBgr, kUncompressed, 0.0f};
 }
 
 inline TOLVIXO::DeviceInfo device() {
@@ -102,18 +86,8 @@ inline TOLVIXO::SegmentInfo segmentation() {
 
 inline TOLVIXO::UniInfo uni() {
     const TOLVIXO::FrameInfo f = frame(21);
-    TOLVIXO::IXO_VideoFrameData first;
-    first.stream_id = f.stream_id;
-    first.frame_id = f.frame_id;
-    first.timestamp = f.timestamp;
-    first.data = f.data;
-    first.width = f.width;
-    first.height = f.height;
-    first.channels = f.channels;
-    first.size = f.size;
-    first.format = f.format;
-    first.compression = f.compression;
-    first.framerate = f.framerate;
+    TOLVIXO::IXO_VideoFrameData first{f.stream_id, f.frame_id, f.timestamp, f.data,        f.width,    f.height,
+                                      f.channels,  f.size,     f.format,    f.compression, f.framerate};
     first.classificationResult = {{"classifier-1", 4294967295u, "logits", "cat", 0.75f}};
     first.detectionResult = {{"detector-2", 4000000001u, 3, "bike-1", "bike", 1.5f, 2.5f, 3.5f, 4.5f, 0.25f, "m"},
                              {"detector-2", 2, 3, "bike-2", "bike", 5.5f, 6.5f, 7.5f, 8.5f, 0.75f, ""}};
