@@ -5,14 +5,13 @@
 #include <csignal>
 #include <thread>
 
-#include <dds/dds.h>
 #include <gtest/gtest.h>
 
-#include "BusSample.h"
 #include "bus_support.h"
 #include "marlet/pair_codec.h"
 #include "qxtest/child_process.h"
 #include "qxtest/config_root.h"
+#include "raw_writer.h"
 
 namespace {
 
@@ -51,6 +50,32 @@ class BusTest : public ::testing::Test {
         return seen;
     }
 
+    // Starts the echoing peer process in this test's configuration root.
+    std::unique_ptr<qxtest::ChildProcess> startPeer() {
+        auto peer = std::make_unique<qxtest::ChildProcess>(std::vector<std::string>{MARLET_PEER_PATH}, root_.path());
+        EXPECT_TRUE(peer->waitForOutput("ready peer-out", std::chrono::seconds(30))) << peer->err();
+        return peer;
+    }
+
+    // Tells the peer to stop and waits for it; returns what it printed.
+    static std::string stopPeer(Thing &out, qxtest::ChildProcess &peer) {
+        Pairs stop(1);
+        stop[0].name("stop");
+        for (int i = 0; i < 100 && peer.running(); ++i) {
+            out.write("VideoFrameData", stop);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
+        return peer.out();
+    }
+
+    // A 1080p BGR frame the peer counts instead of echoing.
+    static Pairs burstFrame(std::uint32_t id) {
+        Pairs pairs = frame(id, kFullHdBgrBytes);
+        pairs[0].name("burst_id");
+        return pairs;
+    }
+
     static std::vector<Sample> drain(Thing::Selector &selector, long timeoutMs) {
         std::vector<Sample> all;
         for (;;) {
@@ -64,69 +89,25 @@ class BusTest : public ::testing::Test {
     Marlet bus_;
 };
 
-TEST_F(BusTest, DeliversPairsAndHeaderFieldsInOrderWithinOneParticipant) {
-    Thing out = makeThing(bus_, "VideoFrameThingOut", "cam-out", "default");
-    Thing in = makeThing(bus_, "VideoFrameThingIn", "cam-in", "default");
-    Thing::Selector selector = in.select("VideoFrameData");
-    selector.batch(8);
-    writeUntil(out, "VideoFrameData", selector, frame(0, 16), [](const Sample &) { return true; });
-    drain(selector, 100);
-
-    const auto before = std::chrono::system_clock::now().time_since_epoch();
-    for (std::uint32_t id = 1; id <= 5; ++id)
-        out.write("VideoFrameData", frame(id, 1000 + id));
-    const auto after = std::chrono::system_clock::now().time_since_epoch();
-
-    std::vector<Sample> got;
-    for (int i = 0; i < 50 && got.size() < 5; ++i) {
-        auto batch = selector.read<Pairs>(200);
-        got.insert(got.end(), batch.begin(), batch.end());
-    }
-    ASSERT_EQ(got.size(), 5u);
-    for (std::uint32_t i = 0; i < 5; ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(got[i].getData(), frame(i + 1, 1001 + i));
-        EXPECT_EQ(got[i].getSourceId(), "cam-out");
-        EXPECT_EQ(got[i].getFlowId(), "default");
-        EXPECT_EQ(got[i].getTagGroup(), "com.vision.data:VideoFrameData");
-        if (i > 0) EXPECT_EQ(got[i].getSequence(), got[i - 1].getSequence() + 1);
-        EXPECT_GE(got[i].getSourceTime(), std::chrono::duration_cast<std::chrono::nanoseconds>(before).count());
-        EXPECT_LE(got[i].getSourceTime(), std::chrono::duration_cast<std::chrono::nanoseconds>(after).count());
-    }
-}
-
 TEST_F(BusTest, FullHdFrameCrossesToAnotherProcessAndBackIntact) {
     Thing out = makeThing(bus_, "VideoFrameThingOut", "parent-out", "default");
     Thing in = makeThing(bus_, "DeviceInfoThingIn", "parent-in", "default");
     Thing::Selector echoes = in.select("DeviceInfoData");
     echoes.read<Pairs>(0);
-
-    qxtest::ChildProcess peer({MARLET_PEER_PATH}, root_.path());
-    ASSERT_TRUE(peer.waitForOutput("ready peer-out", std::chrono::seconds(30))) << peer.err();
+    const auto peer = startPeer();
 
     const Pairs sent = frame(77, kFullHdBgrBytes);
     const auto seen = writeUntil(out, "VideoFrameData", echoes, sent, [](const Sample &) { return true; });
-    ASSERT_FALSE(seen.empty()) << peer.err();
+    ASSERT_FALSE(seen.empty()) << peer->err();
     EXPECT_EQ(seen.back().getSourceId(), "peer-out");
     EXPECT_EQ(seen.back().getData(), sent); // every byte of the 6 MB payload, both directions
 
     // A burst far beyond what the socket buffers hold: every frame must still
     // arrive, in order, however far the reader falls behind.
-    constexpr std::uint32_t kBurst = 30;
-    for (std::uint32_t id = 1; id <= kBurst; ++id) {
-        Pairs burst = frame(id, kFullHdBgrBytes);
-        burst[0].name("burst_id");
-        out.write("VideoFrameData", burst);
-    }
-
-    Pairs stop(1);
-    stop[0].name("stop");
-    for (int i = 0; i < 100 && peer.running(); ++i) {
-        out.write("VideoFrameData", stop);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
-    EXPECT_NE(peer.out().find("big frames 30 in order"), std::string::npos) << peer.out();
+    for (std::uint32_t id = 1; id <= 30; ++id)
+        out.write("VideoFrameData", burstFrame(id));
+    const std::string printed = stopPeer(out, *peer);
+    EXPECT_NE(printed.find("big frames 30 in order"), std::string::npos) << printed;
 }
 
 TEST_F(BusTest, AStalledReaderCostsDroppedSamplesNotAFailedWrite) {
@@ -134,35 +115,24 @@ TEST_F(BusTest, AStalledReaderCostsDroppedSamplesNotAFailedWrite) {
     Thing in = makeThing(bus_, "DeviceInfoThingIn", "parent-in", "default");
     Thing::Selector echoes = in.select("DeviceInfoData");
     echoes.read<Pairs>(0);
-    qxtest::ChildProcess peer({MARLET_PEER_PATH}, root_.path());
-    ASSERT_TRUE(peer.waitForOutput("ready peer-out", std::chrono::seconds(30))) << peer.err();
+    const auto peer = startPeer();
     // Matched both ways before the reader freezes.
     ASSERT_FALSE(writeUntil(out, "VideoFrameData", echoes, frame(1, 16), [](const Sample &) { return true; }).empty());
 
     // A frozen reader acknowledges nothing: once a few 6 MB frames are in
     // flight every write waits out its blocking time and must give up on the
     // sample rather than fail (which would stop the publishing pipeline).
-    ::kill(peer.pid(), SIGSTOP);
-    std::uint32_t id = 0;
-    while (out.droppedWrites() == 0 && id < 20) {
-        Pairs burst = frame(++id, kFullHdBgrBytes);
-        burst[0].name("burst_id");
-        EXPECT_NO_THROW(out.write("VideoFrameData", burst));
-    }
+    ::kill(peer->pid(), SIGSTOP);
+    for (std::uint32_t id = 1; out.droppedWrites() == 0 && id <= 20; ++id)
+        EXPECT_NO_THROW(out.write("VideoFrameData", burstFrame(id)));
     EXPECT_GT(out.droppedWrites(), 0u) << "20 frames of 6 MB were accepted by a frozen reader";
 
     // Once the reader runs again, writes go through again.
-    ::kill(peer.pid(), SIGCONT);
+    ::kill(peer->pid(), SIGCONT);
     const std::uint64_t droppedWhileStalled = out.droppedWrites();
-    Pairs stop(1);
-    stop[0].name("stop");
-    for (int i = 0; i < 100 && peer.running(); ++i) {
-        out.write("VideoFrameData", stop);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
+    const std::string printed = stopPeer(out, *peer);
     EXPECT_EQ(out.droppedWrites(), droppedWhileStalled);
-    EXPECT_NE(peer.out().find("big frames "), std::string::npos) << peer.out();
+    EXPECT_NE(printed.find("big frames "), std::string::npos) << printed;
 }
 
 TEST_F(BusTest, FlowSelectorSeesOnlyItsFlowWhileAnUnflowedOneSeesAll) {
@@ -222,37 +192,10 @@ TEST_F(BusTest, UndecodablePayloadRaisesDecodeErrorAndLosesNothingElse) {
     selector.batch(3);
     selector.read<Pairs>(0);
 
-    const dds_entity_t participant =
-        dds_create_participant(static_cast<dds_domainid_t>(root_.domainId()), nullptr, nullptr);
-    ASSERT_GT(participant, 0);
-    const dds_entity_t topic =
-        dds_create_topic(participant, &marlet_wire_BusSample_desc, "com/vision/data/VideoFrameData", nullptr, nullptr);
-    ASSERT_GT(topic, 0);
-    dds_qos_t *qos = dds_create_qos();
-    dds_qset_partition1(qos, "flow.default");
-    dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
-    dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
-    const dds_entity_t publisher = dds_create_publisher(participant, qos, nullptr);
-    const dds_entity_t writer = dds_create_writer(publisher, topic, qos, nullptr);
-    dds_delete_qos(qos);
-    ASSERT_GT(writer, 0);
-    dds_publication_matched_status_t matched{};
-    for (int i = 0; i < 200 && matched.current_count == 0; ++i) {
-        ASSERT_EQ(dds_get_publication_matched_status(writer, &matched), DDS_RETCODE_OK);
-        if (matched.current_count == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    ASSERT_GT(matched.current_count, 0u);
-
+    const marlettest::RawWriter raw(root_, "com/vision/data/VideoFrameData", "flow.default");
+    ASSERT_TRUE(raw.waitForReader(200));
     auto send = [&](std::vector<std::uint8_t> payload, std::uint64_t seq) {
-        marlet_wire_BusSample s{};
-        s.sourceId = const_cast<char *>("raw");
-        s.flowId = const_cast<char *>("default");
-        s.tagGroup = const_cast<char *>("com.vision.data:VideoFrameData");
-        s.sequenceNumber = seq;
-        s.payload._buffer = payload.data();
-        s.payload._length = static_cast<std::uint32_t>(payload.size());
-        s.payload._maximum = s.payload._length;
-        ASSERT_EQ(dds_write(writer, &s), DDS_RETCODE_OK);
+        raw.write(std::move(payload), "default", "com.vision.data:VideoFrameData", seq);
     };
     send(codec::encode(frame(1, 10)), 1);
     send({codec::kMagic, codec::kVersion, 0x01, 0x00, 0x09}, 2);
@@ -271,7 +214,6 @@ TEST_F(BusTest, UndecodablePayloadRaisesDecodeErrorAndLosesNothingElse) {
     auto third = selector.read<Pairs>(5000);
     ASSERT_EQ(third.size(), 1u);
     EXPECT_EQ(frameIdOf(third[0]), 3u);
-    dds_delete(participant);
 }
 
 TEST_F(BusTest, PortsResolveAgainstTheDefinitionsRegisteredWhenTheThingIsCreated) {
@@ -337,7 +279,8 @@ TEST_F(BusTest, HandlesShareOneParticipantAndCloseTwiceIsHarmless) {
 
 // The subscriber's shape: one reader thread per tag group, copies of the
 // selector handed to the threads, while another thread writes on other things
-// of the same participant.
+// of the same participant. Every frame arrives once, in order, with the
+// writer's header fields.
 TEST_F(BusTest, ReaderThreadsAndAWriterThreadShareOneParticipant) {
     const std::vector<std::pair<std::string, std::string>> groups = {{"Classification", "ClassificationData"},
                                                                      {"DetectionBox", "DetectionBoxData"}};
@@ -358,34 +301,47 @@ TEST_F(BusTest, ReaderThreadsAndAWriterThreadShareOneParticipant) {
     }
 
     std::atomic<bool> writing{true};
-    std::vector<std::vector<std::uint32_t>> received(groups.size());
+    std::vector<std::vector<Sample>> received(groups.size());
     std::vector<std::thread> readers;
     for (std::size_t g = 0; g < groups.size(); ++g) {
         readers.emplace_back([&, g, selector = selectors[g]]() mutable {
             for (int idle = 0; idle < 10 && received[g].size() < kFrames;) {
                 auto got = selector.read<Pairs>(500);
                 if (got.empty() && !writing) ++idle;
-                for (const auto &s : got)
-                    received[g].push_back(frameIdOf(s));
+                received[g].insert(received[g].end(), got.begin(), got.end());
             }
         });
     }
+    const auto nanosNow = [] {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const auto before = nanosNow();
     std::thread writer([&] {
         for (std::uint32_t id = 1; id <= kFrames; ++id) {
             for (std::size_t g = 0; g < groups.size(); ++g)
-                outs[g].write(groups[g].second, frame(id, 64));
+                outs[g].write(groups[g].second, frame(id, 64 + id));
         }
         writing = false;
     });
     writer.join();
+    const auto after = nanosNow();
     for (auto &t : readers)
         t.join();
 
     for (std::size_t g = 0; g < groups.size(); ++g) {
         SCOPED_TRACE(groups[g].second);
         ASSERT_EQ(received[g].size(), kFrames);
-        for (std::uint32_t i = 0; i < kFrames; ++i)
-            EXPECT_EQ(received[g][i], i + 1);
+        for (std::uint32_t i = 0; i < kFrames; ++i) {
+            const Sample &s = received[g][i];
+            EXPECT_EQ(s.getData(), frame(i + 1, 65 + i));
+            EXPECT_EQ(s.getSourceId(), groups[g].first + "-out");
+            EXPECT_EQ(s.getFlowId(), "default");
+            EXPECT_EQ(s.getTagGroup(), "com.vision.data:" + groups[g].second);
+            if (i > 0) EXPECT_EQ(s.getSequence(), received[g][i - 1].getSequence() + 1);
+            EXPECT_GE(s.getSourceTime(), before);
+            EXPECT_LE(s.getSourceTime(), after);
+        }
     }
 }
 

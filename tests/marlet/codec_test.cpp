@@ -6,52 +6,16 @@
 #include <gtest/gtest.h>
 
 #include "marlet/pair_codec.h"
+#include "pair_builders.h"
 
 namespace {
 
 using namespace com::quorixtech;
-using iot::IOT_NVP;
-using iot::IOT_VALUE;
+using namespace pairtest;
 using iot::IotKind;
 using marlet::DecodeError;
 namespace codec = marlet::codec;
 using Bytes = std::vector<std::uint8_t>;
-
-IOT_NVP i32(const std::string &n, std::int32_t v) {
-    IOT_VALUE x;
-    x.iotv_int32(v);
-    return {n, x};
-}
-IOT_NVP u32(const std::string &n, std::uint32_t v) {
-    IOT_VALUE x;
-    x.iotv_uint32(v);
-    return {n, x};
-}
-IOT_NVP i64(const std::string &n, std::int64_t v) {
-    IOT_VALUE x;
-    x.iotv_int64(v);
-    return {n, x};
-}
-IOT_NVP f32(const std::string &n, float v) {
-    IOT_VALUE x;
-    x.iotv_float32(v);
-    return {n, x};
-}
-IOT_NVP str(const std::string &n, const std::string &v) {
-    IOT_VALUE x;
-    x.iotv_string(v);
-    return {n, x};
-}
-IOT_NVP bytes(const std::string &n, Bytes v) {
-    IOT_VALUE x;
-    x.iotv_byte_seq(std::move(v));
-    return {n, x};
-}
-IOT_NVP seq(const std::string &n, std::vector<IOT_NVP> v) {
-    IOT_VALUE x;
-    x.iotv_nvp_seq(std::move(v));
-    return {n, x};
-}
 
 std::vector<IOT_NVP> nested(std::size_t depth) {
     std::vector<IOT_NVP> inner{i32("leaf", 7)};
