@@ -31,7 +31,23 @@ class SinkPublishTest : public ::testing::Test {
         initGst();
         root_.enter();
     }
+    // Subscribes first, then lets the publisher run to its end; returns what arrived per group.
+    std::map<std::string, std::vector<Pairs>> publish(bool uni, const std::vector<std::string> &groups,
+                                                      const std::string &launch, std::vector<std::string> options = {},
+                                                      const std::string &debug = "") {
+        BusReader reader(uni, groups);
+        publisher_ = std::make_unique<Publisher>(root_, launch, std::move(options), debug);
+        if (!publisher_->ready()) {
+            ADD_FAILURE() << "publisher did not open: " << publisher_->child().err();
+            return {};
+        }
+        publisher_->go();
+        auto received = reader.collect(publisher_->child(), kFrames);
+        EXPECT_EQ(publisher_->child().wait(60s), 0) << publisher_->child().err();
+        return received;
+    }
     qxtest::ConfigRoot root_;
+    std::unique_ptr<Publisher> publisher_;
 };
 
 std::string source(const std::string &format, int width, int height) {
@@ -81,12 +97,8 @@ TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
         const auto reference = referenceFrames(input, false);
         ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
 
-        BusReader reader(false, kAllGroupNames);
-        Publisher publisher(root_, input + " ! qxedgesink name=sink taggroups=" + kAllGroups);
-        ASSERT_TRUE(publisher.ready()) << publisher.child().err();
-        publisher.go();
-        auto received = reader.collect(publisher.child(), kFrames);
-        ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
+        auto received = publish(false, kAllGroupNames, input + " ! qxedgesink name=sink taggroups=" + kAllGroups);
+        ASSERT_FALSE(HasFailure());
 
         std::vector<std::uint32_t> ids;
         for (const Pairs &pairs : received["VideoFrameData"]) {
@@ -142,13 +154,10 @@ TEST_F(SinkPublishTest, RawFramesWithoutMetadataPublishPictureAndFillers) {
 TEST_F(SinkPublishTest, BatchMetadataIsPublishedOncePerFrame) {
     const int width = 64;
     const int height = 48;
-    BusReader reader(false, kAllGroupNames);
-    Publisher publisher(root_, source("I420", width, height) + " ! qxedgesink name=sink taggroups=" + kAllGroups,
-                        {"--meta"});
-    ASSERT_TRUE(publisher.ready()) << publisher.child().err();
-    publisher.go();
-    auto received = reader.collect(publisher.child(), kFrames);
-    ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
+    auto received =
+        publish(false, kAllGroupNames,
+                source("I420", width, height) + " ! qxedgesink name=sink taggroups=" + kAllGroups, {"--meta"});
+    ASSERT_FALSE(HasFailure());
 
     std::vector<std::uint32_t> ids;
     for (const Pairs &pairs : received["VideoFrameData"]) {
@@ -228,12 +237,8 @@ TEST_F(SinkPublishTest, UniPublishesOneCombinedSamplePerFrame) {
     const int height = 48;
     const std::string input = source("NV12", width, height);
     const auto reference = referenceFrames(input, false);
-    BusReader reader(true, {});
-    Publisher publisher(root_, input + " ! qxedgesink name=sink taggroups=uni", {"--meta"});
-    ASSERT_TRUE(publisher.ready()) << publisher.child().err();
-    publisher.go();
-    auto received = reader.collect(publisher.child(), kFrames);
-    ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
+    auto received = publish(true, {}, input + " ! qxedgesink name=sink taggroups=uni", {"--meta"});
+    ASSERT_FALSE(HasFailure());
 
     std::vector<std::uint32_t> ids;
     for (const Pairs &pairs : received["VideoFrameData"]) {
@@ -261,12 +266,8 @@ TEST_F(SinkPublishTest, EncodedInputIsPublishedAsTheWholeBuffer) {
                               " pattern=ball ! video/x-raw,width=160,height=120,framerate=30/1 ! jpegenc";
     const auto reference = referenceFrames(input, true);
     ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
-    BusReader reader(false, {});
-    Publisher publisher(root_, input + " ! qxedgesink name=sink taggroups=VideoFrameData");
-    ASSERT_TRUE(publisher.ready()) << publisher.child().err();
-    publisher.go();
-    auto received = reader.collect(publisher.child(), kFrames);
-    ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
+    auto received = publish(false, {}, input + " ! qxedgesink name=sink taggroups=VideoFrameData");
+    ASSERT_FALSE(HasFailure());
 
     // Encoded buffers carry no frame number; what arrived must be the last
     // frames of the input, in order.
@@ -289,16 +290,11 @@ TEST_F(SinkPublishTest, EncodedInputIsPublishedAsTheWholeBuffer) {
 // Names unknown to padding and publishing are reported and skipped; the
 // session only accepts known names at open, so the list is changed after it.
 TEST_F(SinkPublishTest, UnknownNamesWhilePublishingAreLoggedAndOthersStillGo) {
-    BusReader reader(false, {"DeviceInfoData"});
-    Publisher publisher(root_,
-                        source("I420", 64, 48) + " ! qxedgesink name=sink taggroups=VideoFrameData+DeviceInfoData",
-                        {"--retag", "VideoFrameData+Bogus+EngineInfoData+DeviceInfoData"}, "qxedgesink:4");
-    ASSERT_TRUE(publisher.ready()) << publisher.child().err();
-    publisher.go();
-    auto received = reader.collect(publisher.child(), kFrames);
-    ASSERT_EQ(publisher.child().wait(60s), 0) << publisher.child().err();
-
-    const std::string log = publisher.child().err();
+    auto received = publish(false, {"DeviceInfoData"},
+                            source("I420", 64, 48) + " ! qxedgesink name=sink taggroups=VideoFrameData+DeviceInfoData",
+                            {"--retag", "VideoFrameData+Bogus+EngineInfoData+DeviceInfoData"}, "qxedgesink:4");
+    ASSERT_FALSE(HasFailure());
+    const std::string log = publisher_->child().err();
     for (const char *line : {"No matched tag group name to pad data to edge instance.",
                              "No matched tag group name to publish data to marlet.",
                              "Add EngineInfoData not support yet.", "Publish EngineInfoData not support yet."}) {

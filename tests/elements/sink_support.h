@@ -5,16 +5,12 @@
 
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
-#include <gst/video/video.h>
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +19,7 @@
 #include "modelloader.h"
 #include "qxtest/child_process.h"
 #include "qxtest/config_root.h"
+#include "src_support.h"
 #include "uni_information.h"
 
 namespace sinktest {
@@ -30,23 +27,12 @@ namespace sinktest {
 using namespace std::chrono_literals;
 using Pairs = std::vector<com::quorixtech::iot::IOT_NVP>;
 
-inline void initGst() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        if (!gst_is_initialized()) {
-            static const std::string dir =
-                std::string(::testing::TempDir()) + "/qxedge-sink-tests-" + std::to_string(static_cast<long>(getpid()));
-            qxtest::useBuildPlugins(dir);
-            gst_init(nullptr, nullptr);
-        }
-    });
-}
+using srctest::initGst;
 
+// The child's own registry file, and GST_DEBUG when the test reads the log.
 inline std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root,
                                                                  const std::string &debug = "") {
-    std::vector<std::pair<std::string, std::string>> env{{"GST_PLUGIN_PATH", qxtest::pluginBuildDir()},
-                                                         {"GST_REGISTRY", root.file("registry-sink.bin")},
-                                                         {"GST_REGISTRY_FORK", "no"}};
+    auto env = srctest::childEnv(root, "sink");
     if (!debug.empty()) {
         env.emplace_back("GST_DEBUG", debug);
         env.emplace_back("GST_DEBUG_NO_COLOR", "1");
@@ -185,46 +171,8 @@ inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string
             gst_sample_unref(sample);
             continue;
         }
-        GstVideoInfo info;
-        gst_video_info_from_caps(&info, gst_sample_get_caps(sample));
-        GstVideoFrame frame;
-        gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ);
-        const int w = GST_VIDEO_INFO_WIDTH(&info);
-        const int h = GST_VIDEO_INFO_HEIGHT(&info);
-        cv::Mat bgr;
-        const auto plane = [&frame](int i) {
-            return static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i));
-        };
-        const auto stride = [&frame](int i) {
-            return static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, i));
-        };
-        switch (GST_VIDEO_INFO_FORMAT(&info)) {
-        case GST_VIDEO_FORMAT_I420: {
-            cv::Mat packed(h + h / 2, w, CV_8UC1);
-            const cv::Mat y(h, w, CV_8UC1, plane(0), stride(0));
-            y.copyTo(packed.rowRange(0, h));
-            // U then V, each (w/2) x (h/2), laid out back to back in the chroma rows.
-            unsigned char *out = packed.ptr(h);
-            for (int p = 1; p <= 2; ++p) {
-                for (int r = 0; r < h / 2; ++r, out += w / 2) {
-                    std::memcpy(out, plane(p) + r * stride(p), static_cast<std::size_t>(w / 2));
-                }
-            }
-            cv::cvtColor(packed, bgr, cv::COLOR_YUV2BGR_I420);
-            break;
-        }
-        case GST_VIDEO_FORMAT_NV12: {
-            const cv::Mat y(h, w, CV_8UC1, plane(0), stride(0));
-            const cv::Mat uv(h / 2, w / 2, CV_8UC2, plane(1), stride(1));
-            cv::cvtColorTwoPlane(y, uv, bgr, cv::COLOR_YUV2BGR_NV12);
-            break;
-        }
-        default:
-            cv::Mat(h, w, CV_8UC3, plane(0), stride(0)).copyTo(bgr);
-            break;
-        }
+        const cv::Mat bgr = srctest::toBgr(buffer, gst_sample_get_caps(sample));
         frames.emplace_back(bgr.data, bgr.data + bgr.total() * bgr.elemSize());
-        gst_video_frame_unmap(&frame);
         gst_sample_unref(sample);
     }
     gst_element_set_state(pipeline, GST_STATE_NULL);

@@ -5,6 +5,9 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
+#include <tuple>
+
 #include "src_expected.h"
 #include "src_support.h"
 
@@ -16,7 +19,6 @@ namespace {
 
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
-constexpr int kSpeed = 8;
 // Mean absolute difference per byte between the delivered picture and the
 // reference after the colour conversions on the way (YUV -> BGR at the
 // publisher, BGR -> YUV at the subscriber, back to BGR here).
@@ -25,20 +27,6 @@ constexpr double kPictureTolerance = 3.0;
 std::string capsFor(const std::string &format, const std::string &framerate = "30/1") {
     return "video/x-raw,format=" + format + ",width=" + std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
            ",framerate=" + framerate;
-}
-
-std::vector<std::string> publisherOptions(const std::string &format, int frames, const std::string &stream,
-                                          const std::string &extra1 = "", const std::string &extra2 = "") {
-    std::vector<std::string> options{"--settle-ms=1000",
-                                     "--format=" + format,
-                                     "--frames=" + std::to_string(frames),
-                                     "--width=" + std::to_string(kWidth),
-                                     "--height=" + std::to_string(kHeight),
-                                     "--speed=" + std::to_string(kSpeed),
-                                     "--stream=" + stream};
-    if (!extra1.empty()) options.push_back(extra1);
-    if (!extra2.empty()) options.push_back(extra2);
-    return options;
 }
 
 // Pulls buffers while the publisher runs and until its last frame arrived or
@@ -65,20 +53,20 @@ std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publ
     return received;
 }
 
-void expectSameDevice(const DeviceInfoData &got, const DeviceInfoData &want) {
-    EXPECT_EQ(got.stream_id, want.stream_id);
-    EXPECT_EQ(got.mac_address, want.mac_address);
-    EXPECT_EQ(got.ip_address, want.ip_address);
-    EXPECT_EQ(got.port, want.port);
-    EXPECT_EQ(got.uri, want.uri);
-    EXPECT_EQ(got.manufacturer, want.manufacturer);
-    EXPECT_EQ(got.model, want.model);
-    EXPECT_EQ(got.serial, want.serial);
-    EXPECT_EQ(got.fw_version, want.fw_version);
-    EXPECT_EQ(got.dev_id, want.dev_id);
-    EXPECT_EQ(got.status, want.status);
-    EXPECT_EQ(got.kind, want.kind);
-    EXPECT_EQ(got.protocol, want.protocol);
+// Every field of a result or device, for whole-record comparison. Floats compare
+// exactly: every value the publisher attaches is a sum of powers of two.
+auto fields(const quorix::ai::ClassificationResult &c) { return std::tie(c.index, c.output, c.label, c.prob); }
+auto fields(const quorix::ai::DetectionBoxResult &d) {
+    return std::tie(d.obj_id, d.obj_label, d.class_id, d.class_label, d.x1, d.y1, d.x2, d.y2, d.prob, d.meta);
+}
+auto fields(const quorix::ai::SegmentResult &s) { return std::tie(s.class_id, s.prob, s.label); }
+auto fields(const DeviceInfoData &d) {
+    return std::tie(d.stream_id, d.mac_address, d.ip_address, d.port, d.uri, d.manufacturer, d.model, d.serial,
+                    d.fw_version, d.dev_id, d.status, d.kind, d.protocol);
+}
+template <typename T> bool same(const T &a, const T &b) { return fields(a) == fields(b); }
+template <typename T> bool same(const std::vector<T> &a, const std::vector<T> &b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const T &x, const T &y) { return same(x, y); });
 }
 
 struct Tally {
@@ -128,47 +116,18 @@ void checkDelivered(const std::vector<Received> &received, const std::vector<cv:
         if (got.frame_id + 1 < static_cast<int>(reference.size()))
             EXPECT_GT(srctest::meanAbsDiff(r.bgr, asDelivered(got.frame_id + 1)), diff);
 
+        // Results are checked when the synchroniser found them; then they must be this frame's.
         if (!got.class_results.empty()) {
             ++tally.withResults;
-            ASSERT_EQ(got.class_results.size(), want.class_results.size());
-            for (std::size_t k = 0; k < want.class_results.size(); ++k) {
-                EXPECT_EQ(got.class_results[k].index, want.class_results[k].index);
-                EXPECT_EQ(got.class_results[k].output, want.class_results[k].output);
-                EXPECT_EQ(got.class_results[k].label, want.class_results[k].label);
-                EXPECT_FLOAT_EQ(got.class_results[k].prob, want.class_results[k].prob);
-            }
+            EXPECT_TRUE(same(got.class_results, want.class_results)) << "classification of frame " << got.frame_id;
         }
-        if (!got.det_results.empty()) {
-            ASSERT_EQ(got.det_results.size(), want.det_results.size());
-            for (std::size_t k = 0; k < want.det_results.size(); ++k) {
-                const auto &g = got.det_results[k];
-                const auto &w = want.det_results[k];
-                EXPECT_EQ(g.obj_id, w.obj_id);
-                EXPECT_EQ(g.obj_label, w.obj_label);
-                EXPECT_EQ(g.class_id, w.class_id);
-                EXPECT_EQ(g.class_label, w.class_label);
-                EXPECT_FLOAT_EQ(g.x1, w.x1);
-                EXPECT_FLOAT_EQ(g.y1, w.y1);
-                EXPECT_FLOAT_EQ(g.x2, w.x2);
-                EXPECT_FLOAT_EQ(g.y2, w.y2);
-                EXPECT_FLOAT_EQ(g.prob, w.prob);
-                EXPECT_EQ(g.meta, w.meta);
-            }
-        }
-        if (!got.seg_results.empty()) {
-            ASSERT_EQ(got.seg_results.size(), want.seg_results.size());
-            for (std::size_t row = 0; row < want.seg_results.size(); ++row) {
-                ASSERT_EQ(got.seg_results[row].size(), want.seg_results[row].size());
-                for (std::size_t c = 0; c < want.seg_results[row].size(); ++c) {
-                    EXPECT_EQ(got.seg_results[row][c].class_id, want.seg_results[row][c].class_id);
-                    EXPECT_FLOAT_EQ(got.seg_results[row][c].prob, want.seg_results[row][c].prob);
-                    EXPECT_EQ(got.seg_results[row][c].label, want.seg_results[row][c].label);
-                }
-            }
-        }
+        if (!got.det_results.empty())
+            EXPECT_TRUE(same(got.det_results, want.det_results)) << "detection of frame " << got.frame_id;
+        if (!got.seg_results.empty())
+            EXPECT_TRUE(same(got.seg_results, want.seg_results)) << "segmentation of frame " << got.frame_id;
         if (!r.devices.front().manufacturer.empty()) {
             ++tally.withDevice;
-            expectSameDevice(r.devices.front(), srcexpect::device());
+            EXPECT_TRUE(same(r.devices.front(), srcexpect::device())) << "device with frame " << got.frame_id;
         }
     }
 }
@@ -186,7 +145,8 @@ TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
     const DeliveryCase &c = GetParam();
     constexpr int kFrames = 40;
     const std::string stream = std::string("stream-") + c.name;
-    const auto reference = srctest::referenceFrames(c.format, kWidth, kHeight, kFrames, kSpeed);
+    const srctest::PublisherRun run{c.format, kFrames, stream, c.publisherGroups};
+    const auto reference = srctest::referenceFrames(run);
     ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
 
     qxtest::ConfigRoot root;
@@ -194,8 +154,7 @@ TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
     testing::internal::CaptureStdout();
     Subscriber subscriber(std::string("taggroups=") + c.sourceGroups, capsFor(c.format));
     subscriber.start();
-    auto publisher = srctest::startPublisher(
-        root, publisherOptions(c.format, kFrames, stream, std::string("--taggroups=") + c.publisherGroups));
+    auto publisher = srctest::startPublisher(root, run);
     const auto received = collect(subscriber, *publisher, kFrames - 1);
     EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
     EXPECT_NE(subscriber.startResult(), GST_STATE_CHANGE_FAILURE);
@@ -229,19 +188,20 @@ INSTANTIATE_TEST_SUITE_P(
 // frames of the other flow would otherwise be queued and delivered first.
 TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
     constexpr int kFrames = 30;
-    const auto reference = srctest::referenceFrames("BGR", kWidth, kHeight, kFrames, kSpeed);
+    const srctest::PublisherRun own{"BGR", kFrames, "ctx-A", srcexpect::kAllGroupsWithVideo, "flow-A"};
+    const auto reference = srctest::referenceFrames(own);
     qxtest::ConfigRoot root;
     root.enter();
     Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups + " context-id=flow-A", capsFor("BGR"));
     subscriber.start();
 
-    auto other = srctest::startPublisher(root, publisherOptions("BGR", kFrames, "ctx-B", "--context-id=flow-B"));
+    auto other = srctest::startPublisher(root, {"BGR", kFrames, "ctx-B", srcexpect::kAllGroupsWithVideo, "flow-B"});
     EXPECT_EQ(other->wait(60s), 0) << other->err();
     EXPECT_TRUE(subscriber.waitingForFirstFrame()) << "a frame of another context reached the source";
 
-    auto own = srctest::startPublisher(root, publisherOptions("BGR", kFrames, "ctx-A", "--context-id=flow-A"));
-    const auto received = collect(subscriber, *own, kFrames - 1);
-    EXPECT_EQ(own->wait(60s), 0) << own->err();
+    auto publisher = srctest::startPublisher(root, own);
+    const auto received = collect(subscriber, *publisher, kFrames - 1);
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
     ASSERT_FALSE(received.empty());
     for (const Received &r : received) {
         ASSERT_EQ(r.frames.size(), 1u);
@@ -254,17 +214,17 @@ TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
 // A publisher that starts again from frame id 0 is picked up.
 TEST(SrcRestart, PublisherRestartingFromFrameZeroIsPickedUp) {
     constexpr int kFrames = 30;
-    const auto reference = srctest::referenceFrames("NV12", kWidth, kHeight, kFrames, kSpeed);
+    const auto reference = srctest::referenceFrames({"NV12", kFrames, "run-2"});
     qxtest::ConfigRoot root;
     root.enter();
     testing::internal::CaptureStdout();
     Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups, capsFor("NV12"));
     subscriber.start();
 
-    auto first = srctest::startPublisher(root, publisherOptions("NV12", kFrames, "run-1"));
+    auto first = srctest::startPublisher(root, {"NV12", kFrames, "run-1"});
     const auto firstRun = collect(subscriber, *first, kFrames - 1);
     EXPECT_EQ(first->wait(60s), 0) << first->err();
-    auto second = srctest::startPublisher(root, publisherOptions("NV12", kFrames, "run-2"));
+    auto second = srctest::startPublisher(root, {"NV12", kFrames, "run-2"});
     std::vector<Received> secondRun;
     // Frames of the first run still queued may come first.
     for (const Received &r : collect(subscriber, *second, kFrames - 1)) {
@@ -287,7 +247,7 @@ TEST(SrcFramerate, ZeroFramerateGivesOneBufferThenEos) {
     root.enter();
     Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups, capsFor("I420", "0/1"));
     subscriber.start();
-    auto publisher = srctest::startPublisher(root, publisherOptions("I420", 30, "single"));
+    auto publisher = srctest::startPublisher(root, {"I420", 30, "single"});
 
     Received first;
     // The appsink hands out nothing before the source reached PAUSED.

@@ -1,4 +1,4 @@
-// qxedgesrc: properties, inspection, stopping while waiting, and bad data on the bus.
+// qxedgesrc: properties, stopping while waiting, and bad data on the bus.
 
 #include <gtest/gtest.h>
 
@@ -16,40 +16,8 @@ using srctest::Subscriber;
 
 namespace {
 
-std::string getString(GstElement *element, const char *name) {
-    gchar *value = nullptr;
-    g_object_get(element, name, &value, nullptr);
-    std::string out = value ? value : "";
-    g_free(value);
-    return out;
-}
-
-struct TaggroupsCase {
-    std::vector<std::string> writes;
-    std::string readBack;
-};
-
-TEST(SrcProperties, TaggroupsReadBackAsWritten) {
-    srctest::initGst();
-    const std::vector<TaggroupsCase> cases = {
-        {{"ClassificationData+DetectionBoxData"}, "ClassificationData+DetectionBoxData"},
-        {{"ClassificationData++DeviceInfoData"}, "ClassificationData+DeviceInfoData"},
-        {{"ClassificationData+DetectionBoxData", "SegmentationData"}, "SegmentationData"},
-        {{"ClassificationData+DetectionBoxData", "uni"}, "ClassificationData+DetectionBoxData+uni"},
-        {{"uni", "uni"}, "uni+uni"},
-        {{}, ""},
-    };
-    for (const auto &c : cases) {
-        GstElement *src = gst_element_factory_make("qxedgesrc", nullptr);
-        ASSERT_NE(src, nullptr);
-        for (const auto &w : c.writes)
-            g_object_set(src, "taggroups", w.c_str(), nullptr);
-        EXPECT_EQ(getString(src, "taggroups"), c.readBack);
-        gst_object_unref(src);
-    }
-}
-
-TEST(SrcProperties, ContextIdAndSyncMessageRoundTrip) {
+// Setting the context id announces it on stdout; syncmessage toggles.
+TEST(SrcProperties, ContextIdIsAnnouncedAndSyncMessageToggles) {
     srctest::initGst();
     GstElement *src = gst_element_factory_make("qxedgesrc", nullptr);
     ASSERT_NE(src, nullptr);
@@ -57,7 +25,6 @@ TEST(SrcProperties, ContextIdAndSyncMessageRoundTrip) {
     g_object_set(src, "context-id", "flow-7", "syncmessage", TRUE, nullptr);
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("context_id_String = flow-7"), std::string::npos);
-    EXPECT_EQ(getString(src, "context-id"), "flow-7");
     gboolean sync = FALSE;
     g_object_get(src, "syncmessage", &sync, nullptr);
     EXPECT_TRUE(sync);
@@ -65,35 +32,6 @@ TEST(SrcProperties, ContextIdAndSyncMessageRoundTrip) {
     g_object_get(src, "syncmessage", &sync, nullptr);
     EXPECT_FALSE(sync);
     gst_object_unref(src);
-}
-
-TEST(SrcInspect, ShowsPropertiesBlurbsAndPadTemplate) {
-    qxtest::ConfigRoot root;
-    qxtest::ChildProcess inspect({"/usr/bin/gst-inspect-1.0", "qxedgesrc"}, root.path(),
-                                 srctest::childEnv(root, "inspect"));
-    ASSERT_EQ(inspect.wait(60s), 0) << inspect.err();
-    const std::string out = inspect.out();
-    const std::vector<std::string> expected = {
-        "QUORIX Kelpkit source",
-        "Source/Video",
-        "An QUORIX Kelpkit video source",
-        "SRC template: 'src'",
-        "Availability: Always",
-        "video/x-raw",
-        "format: { (string)I420, (string)NV12, (string)BGR }",
-        "image/jpeg",
-        "sof-marker: { (int)0, (int)1, (int)2, (int)4, (int)9 }",
-        "image/png",
-        "taggroups",
-        "Provide the tag groups name you want to use. Example: taggroups=VideoFrameData.",
-        "VideoFrameData is the required tag group for synchronization.",
-        "syncmessage",
-        "Show the Sync worker's message.",
-        "context-id",
-        "Identify to the class of a thing for subscribing.",
-    };
-    for (const auto &text : expected)
-        EXPECT_NE(out.find(text), std::string::npos) << "missing: " << text;
 }
 
 // A source waiting for its first frame is unlocked as a flush does, and then reaches NULL.
@@ -171,9 +109,7 @@ TEST(SrcBadInput, MalformedSamplesDoNotStopDelivery) {
         {"DeviceInfoData", {IOT_NVP("port", text)}},
     };
 
-    auto publisher =
-        srctest::startPublisher(root, {"--settle-ms=1000", "--format=BGR", "--frames=" + std::to_string(kFrames),
-                                       "--width=320", "--height=240", "--speed=8", "--stream=good"});
+    auto publisher = srctest::startPublisher(root, {"BGR", kFrames, "good"});
     std::atomic<bool> publishing{true};
     std::thread writer([&] {
         while (publishing.load()) {

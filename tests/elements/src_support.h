@@ -15,6 +15,7 @@
 #include "gstqxmeta.h"
 #include "qxtest/child_process.h"
 #include "qxtest/config_root.h"
+#include "src_expected.h"
 
 namespace srctest {
 
@@ -65,11 +66,23 @@ class Subscriber {
 // Environment for a child pipeline process: the build plug-ins and a registry of its own.
 std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root, const std::string &tag);
 
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root,
-                                                     const std::vector<std::string> &options);
+// One publishing run: videotestsrc (smpte, moving) ! caps ! qxedgesink in a
+// child process, with the metadata of src_expected.h on every frame. It waits
+// a second in READY so that a subscriber started before it matches its writers.
+struct PublisherRun {
+    std::string format;
+    int frames;
+    std::string stream;
+    std::string taggroups = srcexpect::kAllGroupsWithVideo;
+    std::string contextId;
+    int width = 320;
+    int height = 240;
+    int speed = 8;
+};
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
 
-// The frames videotestsrc makes for the publisher's options, as B,G,R pictures.
-std::vector<cv::Mat> referenceFrames(const std::string &format, int width, int height, int frames, int speed);
+// The frames the publisher's videotestsrc makes for the run, as B,G,R pictures.
+std::vector<cv::Mat> referenceFrames(const PublisherRun &run);
 
 // Picture of a raw video buffer (I420, NV12 or BGR) as B,G,R.
 cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps);

@@ -117,20 +117,26 @@ std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRo
             {"GST_REGISTRY_FORK", "no"}};
 }
 
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root,
-                                                     const std::vector<std::string> &options) {
-    std::vector<std::string> argv{std::string(QX_TEST_HELPER_DIR) + "/src_publisher"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    return std::make_unique<qxtest::ChildProcess>(argv, root.path(), childEnv(root, "publisher"));
+namespace {
+std::string sourceOf(const PublisherRun &run) {
+    return "videotestsrc num-buffers=" + std::to_string(run.frames) +
+           " pattern=smpte horizontal-speed=" + std::to_string(run.speed) + " ! video/x-raw,format=" + run.format +
+           ",width=" + std::to_string(run.width) + ",height=" + std::to_string(run.height) + ",framerate=30/1";
+}
+} // namespace
+
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run) {
+    std::string launch = sourceOf(run) + " ! qxedgesink name=sink taggroups=" + run.taggroups;
+    if (!run.contextId.empty()) launch += " context-id=" + run.contextId;
+    return std::make_unique<qxtest::ChildProcess>(
+        std::vector<std::string>{std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", launch, "--src-meta", run.stream,
+                                 "--settle-ms", "1000"},
+        root.path(), childEnv(root, "publisher"));
 }
 
-std::vector<cv::Mat> referenceFrames(const std::string &format, int width, int height, int frames, int speed) {
+std::vector<cv::Mat> referenceFrames(const PublisherRun &run) {
     initGst();
-    const std::string description = "videotestsrc num-buffers=" + std::to_string(frames) +
-                                    " pattern=smpte horizontal-speed=" + std::to_string(speed) +
-                                    " ! video/x-raw,format=" + format + ",width=" + std::to_string(width) +
-                                    ",height=" + std::to_string(height) +
-                                    ",framerate=30/1 ! appsink name=out sync=false";
+    const std::string description = sourceOf(run) + " ! appsink name=out sync=false";
     GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
     GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
     gst_element_set_state(pipeline, GST_STATE_PLAYING);

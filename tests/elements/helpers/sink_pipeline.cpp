@@ -1,10 +1,13 @@
-// Runs one publishing pipeline for the qxedgesink tests, in its own process
-// as users run it. Usage:
-//   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta] [--retag NAMES] [--go FILE] [--cycle]
+// Runs one publishing pipeline for the qxedgesink and qxedgesrc tests, in its
+// own process as users run it. Usage:
+//   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta | --src-meta STREAM] [--retag NAMES]
+//                 [--go FILE | --settle-ms N] [--cycle]
 // --meta attaches the batch metadata of sink_meta_plan.h to every frame on
-// its way into the sink; --retag sets taggroups after the session is open;
-// --go waits in READY until FILE exists, so a subscriber can join first;
-// --cycle goes READY -> NULL -> READY -> NULL and exits without streaming.
+// its way into the sink; --src-meta the one of src_expected.h, under stream
+// id STREAM, numbering frames from 0; --retag sets taggroups after the session
+// is open; --go waits in READY until FILE exists and --settle-ms waits N ms
+// there, so a subscriber can join first; --cycle goes READY -> NULL -> READY
+// -> NULL and exits without streaming.
 // Prints "READY" once the session is open. Exit: 0 on EOS, 2 on a pipeline
 // error, 3 when the state change to READY fails.
 
@@ -13,16 +16,25 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <unistd.h>
 
 #include "../sink_meta_plan.h"
+#include "../src_expected.h"
 #include "gstqxmeta.h"
 
 namespace {
 
-GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer) {
+struct Plan {
+    bool sinkPlan = false;
+    std::string srcStream; // non-empty: the qxedgesrc tests' plan
+    int count = 0;
+};
+
+GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) {
+    auto *plan = static_cast<Plan *>(data);
     GstBuffer *buffer = gst_pad_probe_info_get_buffer(info);
     if (buffer == nullptr) return GST_PAD_PROBE_OK;
     buffer = gst_buffer_make_writable(buffer);
@@ -36,7 +48,11 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer) {
         gst_caps_unref(caps);
     }
     GstQxBatchMeta *batch = gst_buffer_add_qx_batch_meta(buffer);
-    sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
+    if (plan->sinkPlan) {
+        sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
+    } else {
+        srcexpect::fillBatch(*batch, plan->count++, plan->srcStream, width, height, 0);
+    }
     return GST_PAD_PROBE_OK;
 }
 
@@ -45,10 +61,12 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer) {
 int main(int argc, char **argv) {
     gst_init(&argc, &argv);
     if (argc < 2) {
-        std::fprintf(stderr, "usage: sink_pipeline LAUNCH [--meta] [--retag NAMES] [--go FILE]\n");
+        std::fprintf(stderr, "usage: sink_pipeline LAUNCH [--meta | --src-meta STREAM] [--retag NAMES] "
+                             "[--go FILE | --settle-ms N] [--cycle]\n");
         return 64;
     }
-    bool meta = false;
+    Plan plan;
+    int settleMs = 0;
     std::string retag;
     bool doRetag = false;
     std::string goFile;
@@ -56,7 +74,11 @@ int main(int argc, char **argv) {
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--meta") {
-            meta = true;
+            plan.sinkPlan = true;
+        } else if (arg == "--src-meta" && i + 1 < argc) {
+            plan.srcStream = argv[++i];
+        } else if (arg == "--settle-ms" && i + 1 < argc) {
+            settleMs = std::atoi(argv[++i]);
         } else if (arg == "--retag" && i + 1 < argc) {
             retag = argv[++i];
             doRetag = true;
@@ -77,9 +99,9 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "no element named sink\n");
         return 64;
     }
-    if (meta) {
+    if (plan.sinkPlan || !plan.srcStream.empty()) {
         GstPad *pad = gst_element_get_static_pad(sink, "sink");
-        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, nullptr, nullptr);
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, &plan, nullptr);
         gst_object_unref(pad);
     }
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
@@ -108,6 +130,10 @@ int main(int argc, char **argv) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
+    // The sink creates its writers on the way to READY; a subscriber started
+    // earlier matches them during this wait, so the first frames and their
+    // results are not written into an unmatched bus.
+    std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     GstBus *bus = gst_element_get_bus(pipeline);
     GstMessage *message = gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND,
