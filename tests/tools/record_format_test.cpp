@@ -7,40 +7,16 @@
 #include <limits>
 
 #include "json_pairs.h"
+#include "pair_builders.h"
 #include "value_format.h"
 
 namespace {
 
 namespace iot = com::quorixtech::iot;
 using com::quorixtech::marlet::FieldDefinition;
-using iot::IOT_NVP;
-using iot::IOT_VALUE;
 using iot::IotKind;
 
-template <typename Set, typename T> IOT_VALUE make(Set set, T v) {
-    IOT_VALUE value;
-    (value.*set)(std::move(v));
-    return value;
-}
-IOT_VALUE i32(std::int32_t v) {
-    return make(static_cast<void (IOT_VALUE::*)(std::int32_t)>(&IOT_VALUE::iotv_int32), v);
-}
-IOT_VALUE u32(std::uint32_t v) {
-    return make(static_cast<void (IOT_VALUE::*)(std::uint32_t)>(&IOT_VALUE::iotv_uint32), v);
-}
-IOT_VALUE i64(std::int64_t v) {
-    return make(static_cast<void (IOT_VALUE::*)(std::int64_t)>(&IOT_VALUE::iotv_int64), v);
-}
-IOT_VALUE f32(float v) { return make(static_cast<void (IOT_VALUE::*)(float)>(&IOT_VALUE::iotv_float32), v); }
-IOT_VALUE str(std::string v) {
-    return make(static_cast<void (IOT_VALUE::*)(std::string)>(&IOT_VALUE::iotv_string), std::move(v));
-}
-IOT_VALUE bytes(iot::ByteSeq v) {
-    return make(static_cast<void (IOT_VALUE::*)(iot::ByteSeq)>(&IOT_VALUE::iotv_byte_seq), std::move(v));
-}
-IOT_VALUE seq(iot::NvpSeq v) {
-    return make(static_cast<void (IOT_VALUE::*)(iot::NvpSeq)>(&IOT_VALUE::iotv_nvp_seq), std::move(v));
-}
+using namespace pairtest;
 
 const std::vector<FieldDefinition> kDetectionFields = {{"engine_id", IotKind::iotv_string},
                                                        {"frame_id", IotKind::iotv_uint32},

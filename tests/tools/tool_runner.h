@@ -2,13 +2,15 @@
 // Runs qxbus and other programs as child processes for the tests.
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-namespace qxbus_test {
+#include "qxtest/child_process.h"
 
-using Env = std::vector<std::pair<std::string, std::string>>;
+namespace qxbus_test {
 
 struct RunResult {
     int status = -1;
@@ -17,17 +19,40 @@ struct RunResult {
 };
 
 // Absolute path of a program found on PATH, or "" when there is none.
-std::string findProgram(const std::string &name);
+inline std::string findProgram(const std::string &name) {
+    const char *path = std::getenv("PATH");
+    std::istringstream dirs(path ? path : "/usr/bin:/bin");
+    std::error_code ec;
+    for (std::string dir; std::getline(dirs, dir, ':');)
+        if (std::filesystem::is_regular_file(std::filesystem::path(dir) / name, ec)) return dir + "/" + name;
+    return "";
+}
 
 // Runs argv (argv[0] an absolute path) in cwd and waits for it to end.
-RunResult run(const std::vector<std::string> &argv, const std::string &cwd, const Env &env = {},
-              std::chrono::seconds timeout = std::chrono::seconds(120));
+inline RunResult run(const std::vector<std::string> &argv, const std::string &cwd,
+                     const std::vector<std::pair<std::string, std::string>> &env = {},
+                     std::chrono::seconds timeout = std::chrono::seconds(120)) {
+    qxtest::ChildProcess child(argv, cwd, env);
+    const int status = child.wait(timeout);
+    return {status, child.out(), child.err()};
+}
 
-// Runs qxbus with these arguments.
-RunResult runQxbus(const std::vector<std::string> &args, const std::string &cwd, const Env &env = {});
+inline std::vector<std::string> qxbusArgv(std::vector<std::string> args) {
+    args.insert(args.begin(), QXBUS_PROGRAM);
+    return args;
+}
 
-std::vector<std::string> qxbusArgv(const std::vector<std::string> &args);
+inline RunResult runQxbus(const std::vector<std::string> &args, const std::string &cwd) {
+    return run(qxbusArgv(args), cwd);
+}
 
-std::vector<std::string> lines(const std::string &text);
+// The non-empty lines of text.
+inline std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty()) out.push_back(line);
+    return out;
+}
 
 } // namespace qxbus_test
