@@ -165,11 +165,12 @@ void account(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
         const std::int64_t sent = qxdemo::digitTimeToEpochMs(f.timestamp);
         if (sent > 0) tally.latencyMs.push_back(static_cast<double>(qxdemo::nowEpochMs() - sent));
     }
-    // One snapshot a second, from frames that show results.
+    // One snapshot a second, starting with the first frame that shows boxes
+    // (or the first frame, if boxes are late): what the viewer sees is what
+    // arrived, boxes or not.
     const int every = std::max(1, o.fps);
-    if (static_cast<int>(tally.snapshots.size()) < o.snapshots && hasBoxes &&
-        (tally.snapshots.empty() || tally.received % every == 0))
-        writeSnapshot(sample, o, tally);
+    const bool due = tally.snapshots.empty() ? (hasBoxes || tally.received > every) : tally.received % every == 0;
+    if (static_cast<int>(tally.snapshots.size()) < o.snapshots && due) writeSnapshot(sample, o, tally);
 }
 
 int runSubscriber(const DemoOptions& o) {
