@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 
+#include "filler_segmentation.h"
 #include "frame_information.h"
 #include "marlet/pair_codec.h"
 
@@ -18,29 +19,12 @@ namespace codec = com::quorixtech::marlet::codec;
 
 // Mirrors the loader's filler path value for value, so the cost is the same.
 TOLVIXO::SegmentInfo buildFillerSegmentation(std::uint32_t frameId) {
-    static const char *const labels[] = {"bike", "motor", "car", "background"};
     TOLVIXO::SegmentInfo segment;
     segment.engine_id = "0123456789abcdef";
     segment.stream_id = "b5d84236-a23d-49fc-a574-e0cd944490bb";
     segment.frame_id = frameId;
     segment.inference_id = 0;
-    segment.data.reserve(10000);
-    for (std::uint32_t r = 0; r < 100; ++r) {
-        for (std::uint32_t c = 0; c < 100; ++c) {
-            const std::uint32_t n = c + 100 * r;
-            TOLVIXO::SegmentationData element;
-            element.id = n;
-            element.repeat = 1;
-            element.width = 100;
-            element.height = 100;
-            element.size = 1;
-            element.channels = 1;
-            element.color = 0;
-            element.label = labels[n % 4];
-            element.probability = 0.99f;
-            segment.data.push_back(std::move(element));
-        }
-    }
+    TOLVIXO::appendFillerSegmentation(segment.data); // the sink's own filler code
     return segment;
 }
 

@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "filler_segmentation.h"
 #include "frame_information.h"
 
 namespace {
@@ -32,25 +33,10 @@ TOLVIXO::FrameInfo frame1080p() {
 
 // The filler shape the sink publishes when a buffer carries no masks.
 TOLVIXO::SegmentInfo segments10k() {
-    static const char *const labels[] = {"bike", "motor", "car", "background"};
     TOLVIXO::SegmentInfo s;
     s.stream_id = "bench-stream";
     s.frame_id = 1;
-    for (std::uint32_t r = 0; r < 100; ++r) {
-        for (std::uint32_t c = 0; c < 100; ++c) {
-            const std::uint32_t n = c + 100 * r;
-            TOLVIXO::SegmentationData m;
-            m.id = n;
-            m.repeat = 1;
-            m.width = 100;
-            m.height = 100;
-            m.size = 1;
-            m.channels = 1;
-            m.label = labels[n % 4];
-            m.probability = 0.99f;
-            s.data.push_back(m);
-        }
-    }
+    TOLVIXO::appendFillerSegmentation(s.data);
     return s;
 }
 

@@ -4,6 +4,7 @@
 
 #include "metaloader.h"
 
+#include "filler_segmentation.h"
 #include "frame_information.h"
 #include "qxedgesink_private.h"
 #include "uni_information.h"
@@ -29,8 +30,6 @@ const char *const kCompressionNone = "com.vision.models.COMPRESSION_KIND_NONE";
 const char *const kPipelinePixelFormat = "com.vision.models.PIXEL_FORMAT_RGB8";
 const char *const kFillerClassificationLabel = "[fake] test classification label string";
 const char *const kFillerDetectionLabel = "[fake] test detection label string";
-const char *const kFillerSegmentLabels[] = {"bike", "motor", "car", "background"};
-constexpr std::uint32_t kFillerSegmentSide = 100;
 
 // What the loader may use from one batch, decided once per call.
 struct Sources {
@@ -245,23 +244,7 @@ void loadSegmentation(QxEdgeSink *sink, const Sources &sources, TOLVIXO::Segment
         GST_INFO_OBJECT(sink, "SegmentationData use fake information.");
         target.stream_id = kFillerStreamId;
         target.frame_id = sources.fillerFrameId;
-        target.data.reserve(target.data.size() + kFillerSegmentSide * kFillerSegmentSide);
-        for (std::uint32_t r = 0; r < kFillerSegmentSide; ++r) {
-            for (std::uint32_t c = 0; c < kFillerSegmentSide; ++c) {
-                const std::uint32_t n = c + kFillerSegmentSide * r;
-                TOLVIXO::SegmentationData element;
-                element.id = n;
-                element.repeat = 1;
-                element.width = kFillerSegmentSide;
-                element.height = kFillerSegmentSide;
-                element.size = 1;
-                element.channels = 1;
-                element.color = 0;
-                element.label = kFillerSegmentLabels[n % 4];
-                element.probability = 0.99f;
-                target.data.push_back(std::move(element));
-            }
-        }
+        TOLVIXO::appendFillerSegmentation(target.data);
         return;
     }
     // "ppeline": the line is matched by existing log filters; kept as it is.
