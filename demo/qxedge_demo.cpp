@@ -176,9 +176,7 @@ void account(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
 int runSubscriber(const DemoOptions& o) {
     std::filesystem::create_directories(o.outDir);
     const std::string video = (std::filesystem::path(o.outDir) / "received.mkv").string();
-    // The source stamps only offsets and durations; the muxer needs presentation
-    // times, so take them from the pipeline clock as buffers leave the source.
-    const std::string description = std::string("qxedgesrc do-timestamp=true taggroups=") + kResultTagGroups +
+    const std::string description = std::string("qxedgesrc taggroups=") + kResultTagGroups +
                                     contextProperty(o) +
                                     " ! " + rawCaps("BGR", o) +
                                     " ! qxoverlay ! tee name=t"

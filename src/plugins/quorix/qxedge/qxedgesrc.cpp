@@ -114,6 +114,10 @@ static void qx_edgesrc_init(QxEdgeSrc *src) {
     gst_base_src_set_live(GST_BASE_SRC(src), TRUE);
     // Durations are computed in time, so the segment is in time too.
     gst_base_src_set_format(GST_BASE_SRC(src), GST_FORMAT_TIME);
+    // fill stamps offsets and durations only; the base class puts the clock's
+    // running time on each buffer as it leaves, which muxers and synchronised
+    // sinks downstream need (without it a recording kept one frame of 300).
+    gst_base_src_set_do_timestamp(GST_BASE_SRC(src), TRUE);
     GST_INFO_OBJECT(src, "qx_edgesrc_init done.");
 }
 
