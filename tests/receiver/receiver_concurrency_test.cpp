@@ -17,6 +17,7 @@ using namespace receivertest;
 constexpr std::uint32_t kFrames = 150;
 
 TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
+    MessageCapture capture;
     ReceiveImage receiver;
     receiver.synchronizer.Start();
 
@@ -76,6 +77,8 @@ TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
     consumer.join();
     receiver.synchronizer.Stop();
     ASSERT_TRUE(drained);
+    // The worker is detached; its last line must not reach the next test's capture.
+    EXPECT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
 
     ASSERT_FALSE(consumed.empty());
     // Entries need not leave in frame order: a pass skips ahead and the next

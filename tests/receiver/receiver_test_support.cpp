@@ -67,27 +67,54 @@ bool eventually(const std::function<bool()> &cond) {
     return cond();
 }
 
-MessageCapture::MessageCapture() {
-    handlerId_ = g_log_set_handler(
-        nullptr, static_cast<GLogLevelFlags>(G_LOG_LEVEL_MESSAGE | G_LOG_FLAG_FATAL | G_LOG_FLAG_RECURSION),
-        &MessageCapture::handle, this);
+namespace {
+
+// GLib calls a log handler after letting go of its own lock, so a handler whose
+// capture object was just destroyed could still be entered with it. One handler
+// for the whole process, installed once and never removed, hands each line to
+// the captures alive at that moment instead.
+std::mutex &captureRegistryMutex() {
+    static std::mutex mutex;
+    return mutex;
 }
 
-MessageCapture::~MessageCapture() { g_log_remove_handler(nullptr, handlerId_); }
+std::vector<MessageCapture *> &liveCaptures() {
+    static std::vector<MessageCapture *> captures;
+    return captures;
+}
 
-void MessageCapture::handle(const gchar *, GLogLevelFlags, const gchar *message, gpointer self) {
-    auto *capture = static_cast<MessageCapture *>(self);
-    std::lock_guard<std::mutex> lock(capture->mutex_);
-    capture->lines_.emplace_back(message != nullptr ? message : "");
+} // namespace
+
+MessageCapture::MessageCapture() {
+    static std::once_flag installed;
+    std::call_once(installed, [] {
+        g_log_set_handler(nullptr,
+                          static_cast<GLogLevelFlags>(G_LOG_LEVEL_MESSAGE | G_LOG_FLAG_FATAL | G_LOG_FLAG_RECURSION),
+                          &MessageCapture::handle, nullptr);
+    });
+    std::lock_guard<std::mutex> lock(captureRegistryMutex());
+    liveCaptures().push_back(this);
+}
+
+MessageCapture::~MessageCapture() {
+    std::lock_guard<std::mutex> lock(captureRegistryMutex());
+    auto &captures = liveCaptures();
+    captures.erase(std::remove(captures.begin(), captures.end(), this), captures.end());
+}
+
+void MessageCapture::handle(const gchar *, GLogLevelFlags, const gchar *message, gpointer) {
+    std::lock_guard<std::mutex> lock(captureRegistryMutex());
+    for (MessageCapture *capture : liveCaptures())
+        capture->lines_.emplace_back(message != nullptr ? message : "");
 }
 
 std::vector<std::string> MessageCapture::lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(captureRegistryMutex());
     return lines_;
 }
 
 bool MessageCapture::contains(const std::string &line) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(captureRegistryMutex());
     return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
 }
 

@@ -26,7 +26,8 @@ TOLVIXO::DeviceInfo makeDevice(const std::string &devId);
 // Polls cond until it holds; the deadline only keeps a broken build from hanging.
 bool eventually(const std::function<bool()> &cond);
 
-// Collects the message-level lines of the default log domain while alive.
+// Collects the message-level lines of the default log domain while alive. Lines
+// logged while several captures are alive reach each of them.
 class MessageCapture {
   public:
     MessageCapture();
@@ -40,9 +41,7 @@ class MessageCapture {
   private:
     static void handle(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer self);
 
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-    guint handlerId_ = 0;
+    std::vector<std::string> lines_; // guarded by the process-wide capture lock
 };
 
 } // namespace receivertest
