@@ -243,6 +243,57 @@ TEST(SrcRestart, PublisherRestartingFromFrameZeroIsPickedUp) {
     EXPECT_NE(out.find("clear all queued data from marlet"), std::string::npos);
 }
 
+// Encoded pictures leave the source as the publisher's encoder made them: the
+// bytes of each buffer are those of the encoded frame its metadata names.
+struct EncodedCase {
+    const char *name;
+    const char *rawFormat; // what the encoder takes
+    const char *encoder;
+    const char *caps;
+};
+
+void PrintTo(const EncodedCase &c, std::ostream *os) { *os << c.name; }
+
+class SrcEncoded : public ::testing::TestWithParam<EncodedCase> {};
+
+TEST_P(SrcEncoded, BuffersAreThePublishedPicturesByteForByte) {
+    const EncodedCase &c = GetParam();
+    constexpr int kFrames = 20;
+    srctest::PublisherRun run{c.rawFormat, kFrames, std::string("enc-") + c.name};
+    run.encoder = c.encoder;
+    const auto reference = srctest::referenceEncoded(run);
+    ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
+
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups, c.caps);
+    subscriber.start();
+    auto publisher = srctest::startPublisher(root, run);
+    const auto received = collect(subscriber, *publisher, kFrames - 1);
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
+    EXPECT_EQ(subscriber.stop(), GST_STATE_CHANGE_SUCCESS);
+
+    ASSERT_FALSE(received.empty()) << "nothing delivered; publisher said: " << publisher->err();
+    for (const Received &r : received) {
+        ASSERT_EQ(r.frames.size(), 1u);
+        const VideoFrameData &frame = r.frames.front();
+        SCOPED_TRACE("frame " + std::to_string(frame.frame_id));
+        ASSERT_GE(frame.frame_id, 0);
+        ASSERT_LT(frame.frame_id, kFrames);
+        EXPECT_TRUE(frame.is_compress);
+        EXPECT_EQ(frame.width, kWidth);
+        EXPECT_EQ(frame.height, kHeight);
+        // Equal sizes too: anything after the picture would be read as part of it.
+        EXPECT_EQ(r.encoded.size(), reference[frame.frame_id].size());
+        EXPECT_TRUE(r.encoded == reference[frame.frame_id]) << "bytes differ from the published picture";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, SrcEncoded,
+                         ::testing::Values(EncodedCase{"jpeg", "I420", "jpegenc", "image/jpeg"},
+                                           EncodedCase{"png", "RGB", "pngenc", "image/png,framerate=30/1"}),
+                         [](const ::testing::TestParamInfo<EncodedCase> &info) { return std::string(info.param.name); });
+
 // Without a frame rate the source delivers exactly one buffer, then ends the stream.
 TEST(SrcFramerate, ZeroFramerateGivesOneBufferThenEos) {
     qxtest::ConfigRoot root;

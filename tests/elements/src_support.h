@@ -30,6 +30,7 @@ struct Received {
     std::vector<VideoFrameData> frames;
     std::vector<DeviceInfoData> devices;
     bool hasMeta = false;
+    std::vector<unsigned char> encoded; // the buffer's bytes, for image/jpeg or image/png caps
 };
 
 class Subscriber {
@@ -78,12 +79,18 @@ struct PublisherRun {
     int width = 320;
     int height = 240;
     int speed = 8;
+    std::string encoder; // e.g. "jpegenc": publishes encoded pictures
 };
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
 
 // The frames the publisher's videotestsrc makes for the run, as B,G,R pictures.
 std::vector<cv::Mat> referenceFrames(const PublisherRun &run);
+// The buffers the publisher's source makes for a run with an encoder, byte for byte.
+std::vector<std::vector<unsigned char>> referenceEncoded(const PublisherRun &run);
 
+// True for image/jpeg and image/png caps.
+bool isEncoded(GstCaps *caps);
+std::vector<unsigned char> bytesOf(GstBuffer *buffer);
 // Picture of a raw video buffer (I420, NV12 or BGR) as B,G,R.
 cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps);
 

@@ -80,7 +80,11 @@ bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
     if (sample == nullptr) return false;
     GstBuffer *buffer = gst_sample_get_buffer(sample);
     out = Received{};
-    out.bgr = toBgr(buffer, gst_sample_get_caps(sample));
+    GstCaps *caps = gst_sample_get_caps(sample);
+    if (isEncoded(caps))
+        out.encoded = bytesOf(buffer);
+    else
+        out.bgr = toBgr(buffer, caps);
     if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer)) {
         out.hasMeta = true;
         out.frames = meta->frames;
@@ -121,9 +125,37 @@ namespace {
 std::string sourceOf(const PublisherRun &run) {
     return "videotestsrc num-buffers=" + std::to_string(run.frames) +
            " pattern=smpte horizontal-speed=" + std::to_string(run.speed) + " ! video/x-raw,format=" + run.format +
-           ",width=" + std::to_string(run.width) + ",height=" + std::to_string(run.height) + ",framerate=30/1";
+           ",width=" + std::to_string(run.width) + ",height=" + std::to_string(run.height) + ",framerate=30/1" +
+           (run.encoder.empty() ? "" : " ! " + run.encoder);
+}
+
+// Runs the publisher's source alone and hands every sample to take.
+template <typename Take> void forEachReferenceSample(const PublisherRun &run, Take take) {
+    initGst();
+    const std::string description = sourceOf(run) + " ! appsink name=out sync=false";
+    GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+        take(sample);
+        gst_sample_unref(sample);
+    }
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(sink);
+    gst_object_unref(pipeline);
 }
 } // namespace
+
+bool isEncoded(GstCaps *caps) {
+    const GstStructure *s = caps != nullptr && gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0) : nullptr;
+    return s != nullptr && (gst_structure_has_name(s, "image/jpeg") || gst_structure_has_name(s, "image/png"));
+}
+
+std::vector<unsigned char> bytesOf(GstBuffer *buffer) {
+    std::vector<unsigned char> bytes(gst_buffer_get_size(buffer));
+    gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
+    return bytes;
+}
 
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run) {
     std::string launch = sourceOf(run) + " ! qxedgesink name=sink taggroups=" + run.taggroups;
@@ -135,19 +167,16 @@ std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &r
 }
 
 std::vector<cv::Mat> referenceFrames(const PublisherRun &run) {
-    initGst();
-    const std::string description = sourceOf(run) + " ! appsink name=out sync=false";
-    GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
-    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
     std::vector<cv::Mat> out;
-    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 10 * GST_SECOND)) {
+    forEachReferenceSample(run, [&](GstSample *sample) {
         out.push_back(toBgr(gst_sample_get_buffer(sample), gst_sample_get_caps(sample)));
-        gst_sample_unref(sample);
-    }
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(sink);
-    gst_object_unref(pipeline);
+    });
+    return out;
+}
+
+std::vector<std::vector<unsigned char>> referenceEncoded(const PublisherRun &run) {
+    std::vector<std::vector<unsigned char>> out;
+    forEachReferenceSample(run, [&](GstSample *sample) { out.push_back(bytesOf(gst_sample_get_buffer(sample))); });
     return out;
 }
 

@@ -3,6 +3,7 @@
 
 #include "qxedgesrc.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -386,6 +387,28 @@ static gboolean parseBayerCaps(QxEdgeSrc *src, const GstStructure *structure, Gs
     return FALSE;
 }
 
+// Encoded output: the buffers carry the bytes the publisher encoded, so there
+// is no pixel layout to parse. The size and rate come from the caps where they
+// say them, otherwise from the first frame received; without a rate the source
+// gives one picture, as for raw caps without one.
+static void encodedInfo(QxEdgeSrc *src, const GstStructure *structure, GstVideoInfo *info) {
+    gint width = 0;
+    gint height = 0;
+    if (!gst_structure_get_int(structure, "width", &width) || width <= 0) width = src->width_to_set;
+    if (!gst_structure_get_int(structure, "height", &height) || height <= 0) height = src->height_to_set;
+    gst_video_info_set_format(info, GST_VIDEO_FORMAT_ENCODED, static_cast<guint>(std::max(width, 1)),
+                              static_cast<guint>(std::max(height, 1)));
+    gint fpsN = 0;
+    gint fpsD = 1;
+    if (gst_structure_get_fraction(structure, "framerate", &fpsN, &fpsD)) {
+        info->fps_n = fpsN;
+        info->fps_d = fpsD;
+    } else {
+        info->fps_n = 0;
+        info->fps_d = 1;
+    }
+}
+
 static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
     QxEdgeSrc *src = QX_EDGESRC(bsrc);
     GST_INFO_OBJECT(src, "in qx_edge_src_setcaps");
@@ -398,7 +421,6 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
     gst_video_info_init(&info);
     const GstStructure *structure = gst_caps_get_structure(caps, 0);
     gboolean ok = TRUE;
-    bool keepInfo = true;
     if (gst_structure_has_name(structure, "video/x-raw")) {
         if (!gst_video_info_from_caps(&info, caps)) {
             GST_ERROR_OBJECT(src, "failed to parse caps");
@@ -408,10 +430,10 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
         ok = parseBayerCaps(src, structure, &info);
     } else if (gst_structure_has_name(structure, "image/jpeg")) {
         GST_INFO_OBJECT(src, "in gst_video_test_src_parse_caps, recognize as \"image/jpeg\", need do something...");
-        keepInfo = false;
+        encodedInfo(src, structure, &info);
     } else if (gst_structure_has_name(structure, "image/png")) {
         GST_INFO_OBJECT(src, "in gst_video_test_src_parse_caps, recognize as \"image/png\", need do something...");
-        keepInfo = false;
+        encodedInfo(src, structure, &info);
     } else {
         GST_ERROR_OBJECT(src, "unsupported caps: %" GST_PTR_FORMAT, caps);
         ok = FALSE;
@@ -420,10 +442,8 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
         GST_OBJECT_UNLOCK(src);
         return FALSE;
     }
-    if (keepInfo) {
-        GST_DEBUG_OBJECT(src, "size %dx%d, %d/%d fps", info.width, info.height, info.fps_n, info.fps_d);
-        src->info = info;
-    }
+    GST_DEBUG_OBJECT(src, "size %dx%d, %d/%d fps", info.width, info.height, info.fps_n, info.fps_d);
+    src->info = info;
     freeScratch(src);
     const gsize width = static_cast<gsize>(GST_VIDEO_INFO_WIDTH(&src->info));
     const gsize lines = static_cast<gsize>(GST_VIDEO_INFO_HEIGHT(&src->info));
@@ -434,8 +454,13 @@ static gboolean qx_edge_src_setcaps(GstBaseSrc *bsrc, GstCaps *caps) {
     GST_DEBUG_OBJECT(src, "finish reset caps");
     GST_OBJECT_UNLOCK(src);
     // Without a pool downstream the base class allocates blocksize bytes a
-    // buffer; one buffer must hold one whole frame. Takes the object lock itself.
-    if (keepInfo) gst_base_src_set_blocksize(bsrc, static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)));
+    // buffer; one buffer must hold one whole frame. Encoded frames are at most
+    // the size of their raw picture, which is where they are carried until fill
+    // copies them out. Takes the object lock itself.
+    const gsize frameBytes = GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_ENCODED
+                                 ? static_cast<gsize>(info.width) * static_cast<gsize>(info.height) * 3
+                                 : GST_VIDEO_INFO_SIZE(&info);
+    gst_base_src_set_blocksize(bsrc, static_cast<guint>(frameBytes));
     return TRUE;
 }
 
@@ -484,8 +509,13 @@ static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer) {
     if (src->compressed == 1) {
         const cv::Mat &image = src->priv->image;
         const gsize available = image.isContinuous() ? image.total() * image.elemSize() : 0;
-        const gsize bytes = std::min<gsize>({src->compressed_size, available, gst_buffer_get_size(buffer)});
+        const gsize bytes = std::min<gsize>(src->compressed_size, available);
+        // The buffer is exactly the encoded picture: a decoder downstream
+        // must not see the rest of a raw-sized allocation as trailing data.
+        if (bytes > gst_buffer_get_size(buffer))
+            gst_buffer_replace_all_memory(buffer, gst_allocator_alloc(nullptr, bytes, nullptr));
         gst_buffer_fill(buffer, 0, image.data, bytes);
+        gst_buffer_set_size(buffer, static_cast<gssize>(bytes));
     }
 
     GST_BUFFER_OFFSET(buffer) = src->accum_frames + src->n_frames;

@@ -82,6 +82,8 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
     // Entry point of the queue from the element: ImageReceiver.synchronizer.syncPool.synchronizedVec.size() > 0
 
     cv::Mat &image = src->priv->image;
+    bool rawOnBus = false;
+    std::uint32_t frameId = 0;
     {
         std::lock_guard<std::mutex> extractLock(extract_mutex);
         SynchronizedData entry;
@@ -94,7 +96,11 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
             GST_WARNING_OBJECT(src, "Dropped frame %u that does not decode: %s", entry.frameInfo.frame_id, e.what());
             return false;
         }
-        src->compressed_size = static_cast<guint>(entry.frameInfo.data.size());
+        // The encoded bytes that the picture conversion placed in the image.
+        rawOnBus = entry.frameInfo.compression.find("NONE") != std::string::npos;
+        frameId = entry.frameInfo.frame_id;
+        src->compressed_size = static_cast<guint>(
+            std::min<std::size_t>(entry.frameInfo.size, entry.frameInfo.data.size()));
         extractInfo2Meta(meta, &entry);
     }
     if (image.empty()) {
@@ -111,7 +117,9 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
     const bool planar = format == hash_("I420") || format == hash_("NV12");
     // The YUV encoders need even sizes: an odd negotiated size takes the rounded-up picture too.
     const bool oddForYuv = planar && (width % 2 != 0 || height % 2 != 0);
-    if (width > 0 && height > 0 && (image.cols != width || image.rows != height || oddForYuv)) {
+    // Encoded bytes are not pixels: resizing them would only destroy them.
+    const bool encoded = format == hash_("ENCODED");
+    if (!encoded && width > 0 && height > 0 && (image.cols != width || image.rows != height || oddForYuv)) {
         GST_DEBUG_OBJECT(src, "Size of image in marlet is different from pipeline frame info, need resize first.");
         cv::resize(image, image, cv::Size(roundUp(width, 4), roundUp(height, 2)), 0, 0, cv::INTER_LINEAR);
     }
@@ -139,6 +147,12 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);
         break;
     case hash_("ENCODED"):
+        // Encoded output passes the publisher's encoded bytes through; it does
+        // not encode. Raw frames under these caps are a pipeline set up wrong.
+        if (rawOnBus)
+            GST_WARNING_OBJECT(src, "Frame %u on the bus is raw; image/jpeg and image/png output needs a "
+                                    "publisher of encoded frames.",
+                               frameId);
         src->compressed = 1;
         break;
     default:
