@@ -13,14 +13,13 @@ namespace m = com::quorixtech::marlet;
 
 // Registers every shipped tag group except the pipe one (which would redefine
 // the video group) and every thing class, found under root.
-inline void registerDefinitions(m::Marlet &bus, const std::string &root, bool withPipe = false) {
+inline void registerDefinitions(m::Marlet &bus, const std::string &root) {
     const std::string groups = root + "/definitions/TagGroup/com.vision.data/";
     m::JSonTagGroupRegistry tagGroups;
     for (const char *f : {"VideoFrameTagGroup.json", "DeviceInfoTagGroup.json", "ClassificationTagGroup.json",
                           "DetectionBoxTagGroup.json", "SegmentationTagGroup.json"}) {
         tagGroups.registerTagGroupsFromURI("file://" + groups + f);
     }
-    if (withPipe) tagGroups.registerTagGroupsFromURI("file://" + groups + "IXOPipeTagGroup.json");
     bus.addTagGroupRegistry(tagGroups);
 
     const std::string classes = root + "/definitions/ThingClass/com.vision.data/";

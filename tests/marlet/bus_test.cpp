@@ -33,17 +33,17 @@ class BusTest : public ::testing::Test {
     }
     void TearDown() override { bus_.close(); }
 
-    // Writes frame `id` until `selector` delivers a sample satisfying `done`;
-    // discovery takes an unknown time, so the first writes may go unheard.
-    // Returns every sample read on the way.
+    // Writes `pairs` until `selector` delivers a sample satisfying `done` (any
+    // sample if none is given); discovery takes an unknown time, so the first
+    // writes may go unheard. Returns every sample read on the way.
     static std::vector<Sample> writeUntil(Thing &out, const std::string &output, Thing::Selector &selector,
-                                          const Pairs &pairs, const std::function<bool(const Sample &)> &done) {
+                                          const Pairs &pairs, const std::function<bool(const Sample &)> &done = {}) {
         std::vector<Sample> seen;
         for (int attempt = 0; attempt < 100; ++attempt) {
             out.write(output, pairs);
             for (auto &s : selector.read<Pairs>(300)) {
                 seen.push_back(s);
-                if (done(s)) return seen;
+                if (!done || done(s)) return seen;
             }
         }
         ADD_FAILURE() << "no matching sample after 100 writes";
@@ -76,13 +76,11 @@ class BusTest : public ::testing::Test {
         return pairs;
     }
 
-    static std::vector<Sample> drain(Thing::Selector &selector, long timeoutMs) {
-        std::vector<Sample> all;
-        for (;;) {
-            auto got = selector.read<Pairs>(timeoutMs);
-            if (got.empty()) return all;
-            all.insert(all.end(), got.begin(), got.end());
-        }
+    // Appends to `seen` what arrives until `timeoutMs` pass without a sample.
+    static std::vector<Sample> drain(Thing::Selector &selector, long timeoutMs, std::vector<Sample> seen = {}) {
+        for (auto got = selector.read<Pairs>(timeoutMs); !got.empty(); got = selector.read<Pairs>(timeoutMs))
+            seen.insert(seen.end(), got.begin(), got.end());
+        return seen;
     }
 
     qxtest::ConfigRoot root_;
@@ -97,7 +95,7 @@ TEST_F(BusTest, FullHdFrameCrossesToAnotherProcessAndBackIntact) {
     const auto peer = startPeer();
 
     const Pairs sent = frame(77, kFullHdBgrBytes);
-    const auto seen = writeUntil(out, "VideoFrameData", echoes, sent, [](const Sample &) { return true; });
+    const auto seen = writeUntil(out, "VideoFrameData", echoes, sent);
     ASSERT_FALSE(seen.empty()) << peer->err();
     EXPECT_EQ(seen.back().getSourceId(), "peer-out");
     EXPECT_EQ(seen.back().getData(), sent); // every byte of the 6 MB payload, both directions
@@ -117,7 +115,7 @@ TEST_F(BusTest, AStalledReaderCostsDroppedSamplesNotAFailedWrite) {
     echoes.read<Pairs>(0);
     const auto peer = startPeer();
     // Matched both ways before the reader freezes.
-    ASSERT_FALSE(writeUntil(out, "VideoFrameData", echoes, frame(1, 16), [](const Sample &) { return true; }).empty());
+    ASSERT_FALSE(writeUntil(out, "VideoFrameData", echoes, frame(1, 16)).empty());
 
     // A frozen reader acknowledges nothing: once a few 6 MB frames are in
     // flight every write waits out its blocking time and must give up on the
@@ -145,8 +143,7 @@ TEST_F(BusTest, FlowSelectorSeesOnlyItsFlowWhileAnUnflowedOneSeesAll) {
     all.batch(16);
     onlyA.read<Pairs>(0);
 
-    std::vector<Sample> seenByAll =
-        writeUntil(outB, "VideoFrameData", all, frame(2, 8), [](const Sample &) { return true; });
+    std::vector<Sample> seenByAll = writeUntil(outB, "VideoFrameData", all, frame(2, 8));
     auto moreSeenByAll =
         writeUntil(outA, "VideoFrameData", all, frame(1, 8), [](const Sample &s) { return s.getFlowId() == "A"; });
     seenByAll.insert(seenByAll.end(), moreSeenByAll.begin(), moreSeenByAll.end());
@@ -154,10 +151,9 @@ TEST_F(BusTest, FlowSelectorSeesOnlyItsFlowWhileAnUnflowedOneSeesAll) {
 
     for (int i = 0; i < 20; ++i)
         outB.write("VideoFrameData", frame(2, 8));
-    auto seenByA = writeUntil(outA, "VideoFrameData", onlyA, frame(3, 8),
-                              [](const Sample &s) { return s.getFlowId() == "A" && frameIdOf(s) == 3; });
-    auto late = drain(onlyA, 300);
-    seenByA.insert(seenByA.end(), late.begin(), late.end());
+    const auto seenByA = drain(onlyA, 300, writeUntil(outA, "VideoFrameData", onlyA, frame(3, 8), [](const Sample &s) {
+                                   return s.getFlowId() == "A" && frameIdOf(s) == 3;
+                               }));
     ASSERT_FALSE(seenByA.empty());
     for (const auto &s : seenByA) {
         EXPECT_EQ(s.getFlowId(), "A");
@@ -230,12 +226,12 @@ TEST_F(BusTest, PortsResolveAgainstTheDefinitionsRegisteredWhenTheThingIsCreated
     plainSel.batch(64).read<Pairs>(0);
     pipeSel.batch(64).read<Pairs>(0);
 
-    auto onPipe = writeUntil(pipeOut, "VideoFrameData", pipeSel, frame(5, 4), [](const Sample &) { return true; });
-    auto onPlain = writeUntil(plainOut, "VideoFrameData", plainSel, frame(6, 4), [](const Sample &) { return true; });
-    auto lateOnPipe = drain(pipeSel, 200);
-    auto lateOnPlain = drain(plainSel, 200);
-    onPipe.insert(onPipe.end(), lateOnPipe.begin(), lateOnPipe.end());
-    onPlain.insert(onPlain.end(), lateOnPlain.begin(), lateOnPlain.end());
+    // Both writers have written before either selector is drained, so a sample
+    // that went to the wrong topic would show.
+    auto onPipe = writeUntil(pipeOut, "VideoFrameData", pipeSel, frame(5, 4));
+    auto onPlain = writeUntil(plainOut, "VideoFrameData", plainSel, frame(6, 4));
+    onPipe = drain(pipeSel, 200, std::move(onPipe));
+    onPlain = drain(plainSel, 200, std::move(onPlain));
     for (const auto &s : onPipe)
         EXPECT_EQ(s.getSourceId(), "pipe-out");
     for (const auto &s : onPlain)
@@ -296,7 +292,7 @@ TEST_F(BusTest, ReaderThreadsAndAWriterThreadShareOneParticipant) {
     }
     // Discovery first, so that the counted frames all have a reader to go to.
     for (std::size_t g = 0; g < groups.size(); ++g) {
-        writeUntil(outs[g], groups[g].second, selectors[g], frame(0, 4), [](const Sample &) { return true; });
+        writeUntil(outs[g], groups[g].second, selectors[g], frame(0, 4));
         drain(selectors[g], 100);
     }
 

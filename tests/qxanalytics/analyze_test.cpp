@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gst/video/video.h>
@@ -131,26 +132,15 @@ TEST(AnalyzeMetadata, CarriesDeviceAndFrameFieldsFromProperties) {
         ASSERT_NE(meta, nullptr);
         ASSERT_EQ(meta->frames.size(), 1u);
         ASSERT_EQ(meta->devices.size(), 1u);
-        const VideoFrameData &frame = meta->frames[0];
-        EXPECT_EQ(frame.frame_id, static_cast<int>(i));
-        EXPECT_EQ(frame.stream_id, "cam-7");
-        EXPECT_EQ(frame.width, 160);
-        EXPECT_EQ(frame.height, 120);
-        EXPECT_EQ(frame.channels, 3);
-        EXPECT_EQ(frame.depth, 8);
-        EXPECT_EQ(frame.device_idx, 0);
-        EXPECT_GT(frame.timestamp, 20000101000000000ull); // digits of a local date and time
-        const DeviceInfoData &device = meta->devices[0];
-        EXPECT_EQ(device.stream_id, "cam-7");
-        EXPECT_EQ(device.dev_id, "dev-7");
-        EXPECT_EQ(device.manufacturer, "Acme");
-        EXPECT_EQ(device.model, "Eye-2");
-        EXPECT_EQ(device.serial, "SN-42");
-        EXPECT_EQ(device.fw_version, "1.2.3");
-        EXPECT_EQ(device.uri, "rtsp://127.0.0.1/cam");
-        EXPECT_EQ(device.ip_address, "127.0.0.7");
-        EXPECT_EQ(device.mac_address, "02:00:00:aa:bb:cc");
-        EXPECT_EQ(device.port, 8554);
+        const VideoFrameData &f = meta->frames[0];
+        EXPECT_EQ(std::tie(f.frame_id, f.stream_id, f.width, f.height, f.channels, f.depth, f.device_idx),
+                  std::make_tuple(static_cast<int>(i), "cam-7", 160, 120, 3, 8, 0));
+        EXPECT_GT(f.timestamp, 20000101000000000ull); // digits of a local date and time
+        const DeviceInfoData &d = meta->devices[0];
+        EXPECT_EQ(std::tie(d.stream_id, d.dev_id, d.manufacturer, d.model, d.serial, d.fw_version, d.uri, d.ip_address,
+                           d.mac_address, d.port),
+                  std::make_tuple("cam-7", "dev-7", "Acme", "Eye-2", "SN-42", "1.2.3", "rtsp://127.0.0.1/cam",
+                                  "127.0.0.7", "02:00:00:aa:bb:cc", 8554));
     }
     releaseSamples(samples);
 }

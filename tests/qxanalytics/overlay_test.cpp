@@ -87,14 +87,8 @@ TEST_P(OverlayBox, ChangesOutlineAndLabelOnly) {
     const float sx = static_cast<float>(c.metaWidth) / kWidth;
     const float sy = static_cast<float>(c.metaHeight) / kHeight;
     GstBuffer *picture = makePicture(c.format, 90);
-    quorix::ai::DetectionBoxResult box;
-    box.obj_id = 3;
-    box.obj_label = "object";
-    box.x1 = drawn.x * sx;
-    box.y1 = drawn.y * sy;
-    box.x2 = (drawn.x + drawn.width) * sx;
-    box.y2 = (drawn.y + drawn.height) * sy;
-    box.prob = 0.9f;
+    const quorix::ai::DetectionBoxResult box{
+        3, "object", 0, "", drawn.x * sx, drawn.y * sy, drawn.br().x * sx, drawn.br().y * sy, 0.9f};
     addFrame(picture, c.metaWidth, c.metaHeight).det_results.push_back(box);
 
     const int lineWidth = 2;
@@ -139,10 +133,7 @@ INSTANTIATE_TEST_SUITE_P(Formats, OverlayBox,
 
 TEST(OverlayCaption, StaysInTheTopLeftCorner) {
     GstBuffer *picture = makePicture("BGR", 200);
-    quorix::ai::ClassificationResult cls;
-    cls.label = "bright";
-    cls.prob = 0.75f;
-    addFrame(picture).class_results.push_back(cls);
+    addFrame(picture).class_results.push_back({0, "", "bright", 0.75f});
     const auto [before, after] = drawOnce("BGR", "", picture);
     const cv::Rect corner(0, 0, 160, 30);
     int inside = 0, outside = 0;

@@ -25,7 +25,6 @@ class Pipeline {
     // returns the samples per sink (owned by the caller: release with releaseSamples).
     std::map<std::string, std::vector<GstSample *>> run(const std::vector<std::string> &sinks);
     const std::string &error() const { return error_; }
-    GstElement *get() const { return pipeline_; }
 
   private:
     GstElement *pipeline_ = nullptr;

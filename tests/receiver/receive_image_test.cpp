@@ -22,16 +22,10 @@ struct FrameCase {
     cv::Vec3b firstPixel; // of the receiver's picture
 };
 
-TOLVIXO::FrameInfo withoutBytes() {
+// Frame 1 of 2x2 pixels with one change.
+template <typename Change> TOLVIXO::FrameInfo frameWith(Change change) {
     auto f = makeFrame(1);
-    f.data.clear();
-    return f;
-}
-
-TOLVIXO::FrameInfo withSize(std::uint32_t width, std::uint32_t height) {
-    auto f = makeFrame(1);
-    f.width = width;
-    f.height = height;
+    change(f);
     return f;
 }
 
@@ -49,9 +43,9 @@ TOLVIXO::FrameInfo jpegFrame() {
 
 TEST(ReceiveImageFrame, DecodesPictureAndQueuesRecordAsReceived) {
     const FrameCase cases[] = {
-        {"no bytes", withoutBytes(), false, 0, 0, {}},
-        {"zero width", withSize(0, 2), false, 0, 0, {}},
-        {"zero height", withSize(2, 0), false, 0, 0, {}},
+        {"no bytes", frameWith([](auto &f) { f.data.clear(); }), false, 0, 0, {}},
+        {"zero width", frameWith([](auto &f) { f.width = 0; }), false, 0, 0, {}},
+        {"zero height", frameWith([](auto &f) { f.height = 0; }), false, 0, 0, {}},
         // Bytes 1,2,3 are B,G,R: the picture holds them as R,G,B.
         {"bgr turned to rgb", makeFrame(1, 2, 1), true, 2, 1, {3, 2, 1}},
         {"rgb kept", makeFrame(1, 2, 1, "com.vision.models.PIXEL_FORMAT_RGB8"), true, 2, 1, {1, 2, 3}},
@@ -103,13 +97,9 @@ TEST(ReceiveImageResults, EachKindGoesToItsQueue) {
     const poolingData &pool = receiver.synchronizer.syncPool;
     ASSERT_EQ(pool.deviceInfoVec.size(), 1u);
     EXPECT_EQ(pool.deviceInfoVec[0].dev_id, "cam");
-    ASSERT_EQ(pool.classificationVec.size(), 1u);
-    EXPECT_EQ(pool.classificationVec[0].frame_id, 4u);
-    ASSERT_EQ(pool.detectionBoxVec.size(), 2u);
-    EXPECT_EQ(pool.detectionBoxVec[0].frame_id, 5u);
-    EXPECT_EQ(pool.detectionBoxVec[1].frame_id, 6u);
-    ASSERT_EQ(pool.segmentInfoVec.size(), 1u);
-    EXPECT_EQ(pool.segmentInfoVec[0].frame_id, 7u);
+    EXPECT_EQ(ids(pool.classificationVec), std::vector<std::uint32_t>{4});
+    EXPECT_EQ(ids(pool.detectionBoxVec), (std::vector<std::uint32_t>{5, 6}));
+    EXPECT_EQ(ids(pool.segmentInfoVec), std::vector<std::uint32_t>{7});
     EXPECT_TRUE(pool.frameInfoVec.empty());
 }
 
@@ -126,25 +116,13 @@ TEST(ReceiveImageParser, CopiesFirstFrameAndFirstDeviceFieldByField) {
     auto &v = uni.videoList[0];
     v.classificationResult.push_back({"engine-a", 4294967295u, "out-a", "cat", 0.75f});
     v.classificationResult.push_back({"engine-b", 3, "out-b", "dog", 0.25f});
-    TOLVIXO::IXO_DetectionBoxData box;
-    box.engine_id = "det";
-    box.obj_id = 11;
-    box.class_id = 4000000000u;
-    box.obj_label = "obj";
-    box.class_label = "person";
-    box.x1 = 1.5f;
-    box.y1 = 2.5f;
-    box.x2 = 3.5f;
-    box.y2 = 4.5f;
-    box.probability = 0.9f;
-    box.meta = "extra";
+    TOLVIXO::IXO_DetectionBoxData box{"det", 11, 4000000000u, "obj", "person", 1.5f, 2.5f, 3.5f, 4.5f, 0.9f, "extra"};
     v.detectionResult = {box, box};
     v.detectionResult[1].obj_id = 12;
-    TOLVIXO::IXO_SegmentationData seg;
-    seg = {7, 2, 16, 8, 128, 1, 0xff00ff, "road", 0.6f, {9, 8, 7}};
+    const TOLVIXO::IXO_SegmentationData seg{7, 2, 16, 8, 128, 1, 0xff00ff, "road", 0.6f, {9, 8, 7}};
     v.segmentationResult = {seg};
-    TOLVIXO::IXO_DeviceInfoData dev;
-    dev = {"s", "mac", "ip", 554, "rtsp://127.0.0.1/x", "maker", "model", "serial", "fw", "dev-1", "on", "cam", "rtsp"};
+    const TOLVIXO::IXO_DeviceInfoData dev{
+        "s", "mac", "ip", 554, "rtsp://127.0.0.1/x", "maker", "model", "serial", "fw", "dev-1", "on", "cam", "rtsp"};
     uni.deviceList = {dev, TOLVIXO::IXO_DeviceInfoData{}};
 
     const SynchronizedData e = ReceiveImage::parser(uni);
@@ -202,12 +180,6 @@ struct UniCase {
     int width;
 };
 
-TOLVIXO::UniInfo uniWith(std::vector<TOLVIXO::IXO_VideoFrameData> frames) {
-    TOLVIXO::UniInfo u;
-    u.videoList = std::move(frames);
-    return u;
-}
-
 TOLVIXO::IXO_VideoFrameData uniFrameWithoutBytes() {
     auto v = uniFrame(1);
     v.data.clear();
@@ -216,9 +188,9 @@ TOLVIXO::IXO_VideoFrameData uniFrameWithoutBytes() {
 
 TEST(ReceiveImageCombined, UsableFirstFrameBecomesOneEntry) {
     const UniCase cases[] = {
-        {"no frame", uniWith({}), 0, 0},
-        {"first frame without bytes", uniWith({uniFrameWithoutBytes(), uniFrame(2)}), 0, 0},
-        {"usable frame", uniWith({uniFrame(3)}), 1, 2},
+        {"no frame", TOLVIXO::UniInfo{}, 0, 0},
+        {"first frame without bytes", TOLVIXO::UniInfo{{uniFrameWithoutBytes(), uniFrame(2)}}, 0, 0},
+        {"usable frame", TOLVIXO::UniInfo{{uniFrame(3)}}, 1, 2},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -249,7 +221,7 @@ TEST(ReceiveImageCombined, KeepsTenBeforeAppendAndReportsDrops) {
             }
         }
         testing::internal::CaptureStdout();
-        receiver.callback(uniWith({uniFrame(7)}));
+        receiver.callback(TOLVIXO::UniInfo{{uniFrame(7)}});
         const std::string out = testing::internal::GetCapturedStdout();
         EXPECT_EQ(out, flag ? "[Drop Data] Dropped 2 synchronizedData in ReceiveImage::callback(const UniInfo "
                               "&uniInfo).\n"
@@ -266,7 +238,7 @@ TEST(ReceiveImageCombined, FirstRecordStopsTheWorker) {
     ReceiveImage receiver;
     MessageCapture capture;
     receiver.synchronizer.Start();
-    receiver.callback(uniWith({uniFrame(1)}));
+    receiver.callback(TOLVIXO::UniInfo{{uniFrame(1)}});
     ASSERT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
 
     // Separate frames are still queued but nobody pairs them any more.

@@ -23,6 +23,14 @@ TOLVIXO::Information<TOLVIXO::DetectionBoxData> makeDetection(std::uint32_t fram
 TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId);
 TOLVIXO::DeviceInfo makeDevice(const std::string &devId);
 
+// The frame ids of a queue's records, front first.
+template <typename Record> std::vector<std::uint32_t> ids(const std::vector<Record> &queue) {
+    std::vector<std::uint32_t> out;
+    for (const auto &r : queue)
+        out.push_back(r.frame_id);
+    return out;
+}
+
 // Polls cond until it holds; the deadline only keeps a broken build from hanging.
 bool eventually(const std::function<bool()> &cond);
 

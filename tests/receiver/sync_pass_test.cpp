@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <tuple>
 
 #include "receiver_test_support.h"
 
@@ -12,22 +13,7 @@ namespace {
 using namespace receivertest;
 
 // One published entry: the frame id, the device, and the frame ids of the three results.
-struct Published {
-    std::uint32_t frame;
-    std::string device;
-    std::uint32_t classification;
-    std::uint32_t detection;
-    std::uint32_t segment;
-    bool operator==(const Published &o) const {
-        return frame == o.frame && device == o.device && classification == o.classification &&
-               detection == o.detection && segment == o.segment;
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const Published &p) {
-    return os << "{" << p.frame << ", '" << p.device << "', " << p.classification << ", " << p.detection << ", "
-              << p.segment << "}";
-}
+using Published = std::tuple<std::uint32_t, std::string, std::uint32_t, std::uint32_t, std::uint32_t>;
 
 // Records that arrive before one pass of the worker.
 struct Arrival {
@@ -49,18 +35,11 @@ struct PassCase {
 
 std::ostream &operator<<(std::ostream &os, const PassCase &c) { return os << c.name; }
 
-template <typename Record> std::vector<std::uint32_t> ids(const std::vector<Record> &queue) {
-    std::vector<std::uint32_t> out;
-    for (const auto &r : queue)
-        out.push_back(r.frame_id);
-    return out;
-}
-
 std::vector<Published> published(const poolingData &pool) {
     std::vector<Published> out;
     for (const auto &e : pool.synchronizedVec) {
-        out.push_back({e.frameInfo.frame_id, e.deviceInfo.dev_id, e.classification.frame_id, e.detectionBox.frame_id,
-                       e.segmentInfo.frame_id});
+        out.emplace_back(e.frameInfo.frame_id, e.deviceInfo.dev_id, e.classification.frame_id, e.detectionBox.frame_id,
+                         e.segmentInfo.frame_id);
     }
     return out;
 }
@@ -76,7 +55,7 @@ std::vector<Arrival> oneFramePerPass(std::uint32_t first, std::uint32_t last) {
 std::vector<Published> bare(std::uint32_t first, std::uint32_t last) {
     std::vector<Published> out;
     for (std::uint32_t id = first; id <= last; ++id)
-        out.push_back({id, "", 0, 0, 0});
+        out.emplace_back(id, "", 0, 0, 0);
     return out;
 }
 
@@ -183,24 +162,6 @@ INSTANTIATE_TEST_SUITE_P(
                  false}),
     [](const ::testing::TestParamInfo<PassCase> &info) { return std::string(info.param.name); });
 
-TEST(SyncPassOutputLimit, KeepsTenBeforeEachAppend) {
-    Synchronizer sync;
-    SyncCursor cursor;
-    std::lock_guard<std::mutex> lock(m);
-    for (std::uint32_t id = 100; id < 112; ++id) {
-        SynchronizedData entry;
-        entry.frameInfo.frame_id = id;
-        sync.syncPool.synchronizedVec.push_back(entry);
-    }
-    sync.syncPool.frameInfoVec.push_back(makeFrame(1));
-    sync.syncPass(cursor);
-
-    const auto &out = sync.syncPool.synchronizedVec;
-    ASSERT_EQ(out.size(), 11u);
-    EXPECT_EQ(out.front().frameInfo.frame_id, 102u);
-    EXPECT_EQ(out.back().frameInfo.frame_id, 1u);
-}
-
 struct DropCase {
     std::size_t size;
     int limit;
@@ -228,7 +189,9 @@ TEST(DropSynchronizedVec, DropsOldestDownToLimit) {
     }
 }
 
-TEST(SyncPassTrace, MessageFlagSelectsTraceLines) {
+// Also the output limit: the pass drops the oldest entry of eleven before it
+// appends, so ten of the old ones stay whatever the flag.
+TEST(SyncPassTrace, MessageFlagSelectsTraceLinesAndDropsBeforeAppending) {
     for (bool flag : {false, true}) {
         SCOPED_TRACE(flag ? "flag on" : "flag off");
         Synchronizer sync;
@@ -240,14 +203,24 @@ TEST(SyncPassTrace, MessageFlagSelectsTraceLines) {
         sync.pushDetectionBox(makeDetection(3));
         sync.pushSegmentInfo(makeSegment(3));
         sync.pushDeviceInfo(makeDevice("cam"));
-        for (std::uint32_t id = 100; id < 111; ++id)
-            sync.syncPool.synchronizedVec.emplace_back();
+        for (std::uint32_t id = 100; id < 111; ++id) {
+            SynchronizedData entry;
+            entry.frameInfo.frame_id = id;
+            sync.syncPool.synchronizedVec.push_back(entry);
+        }
         testing::internal::CaptureStdout();
         {
             std::lock_guard<std::mutex> lock(m);
             sync.syncPass(cursor);
         }
         const std::string out = testing::internal::GetCapturedStdout();
+        {
+            std::lock_guard<std::mutex> lock(m);
+            const auto &queue = sync.syncPool.synchronizedVec;
+            ASSERT_EQ(queue.size(), 11u);
+            EXPECT_EQ(queue.front().frameInfo.frame_id, 101u);
+            EXPECT_EQ(queue.back().frameInfo.frame_id, 3u);
+        }
         if (!flag) {
             EXPECT_EQ(out, "");
             EXPECT_TRUE(capture.lines().empty());

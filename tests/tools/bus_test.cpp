@@ -15,7 +15,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
 using qxbus_test::lines;
 using qxbus_test::qxbusArgv;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "frame_information.h"
+#include "helpers/edge_sample_records.h"
 #include "records_test_helpers.h"
 
 using namespace rectest;
@@ -19,6 +20,8 @@ using TOLVIXO::SegmentationData;
 using TOLVIXO::SegmentInfo;
 
 namespace {
+
+namespace es = edge_samples;
 
 const Wire kResultHeaderWire = {{"engine_id", S}, {"stream_id", S}, {"frame_id", U32}, {"data", SEQ}};
 const Wire kClassWire = {{"index", I32}, {"output", S}, {"label", S}, {"probability", F32}};
@@ -41,42 +44,6 @@ FrameInfo sampleFrame(std::size_t bytes = 12) {
     f.compression = "com.vision.models.COMPRESSION_KIND_NONE";
     f.framerate = 29.97f;
     return f;
-}
-
-DeviceInfo sampleDevice() {
-    return {"cam-1",
-            "00:11:22:33:44:55",
-            "127.0.0.2",
-            -554,
-            "rtsp://127.0.0.2/live",
-            "Quorix",
-            "QX-1",
-            "SN9",
-            "1.2.3",
-            "dev-7",
-            "com.vision.models.DEVICE_STATUS_ON",
-            "com.vision.models.DEVICE_KIND_CAMERA",
-            "rtsp"};
-}
-
-Information<ClassificationData> sampleClassification() {
-    Information<ClassificationData> c;
-    c.engine_id = "eng";
-    c.stream_id = "cam";
-    c.frame_id = 7;
-    c.data.push_back({3, "logits", "car", 0.75f});
-    c.data.push_back({-1, "aux", "bike", 0.5f});
-    return c;
-}
-
-Information<DetectionBoxData> sampleDetection() {
-    Information<DetectionBoxData> d;
-    d.engine_id = "eng";
-    d.stream_id = "cam";
-    d.frame_id = 9;
-    d.data.push_back({5, 1, "person", "human", 0.5f, 1.25f, 10.0f, 20.5f, 0.875f, "tracked"});
-    d.data.push_back({-6, 2, "dog", "animal", 2.0f, 3.0f, 4.0f, 5.0f, 0.25f, ""});
-    return d;
 }
 
 SegmentInfo sampleSegments(std::size_t count = 2) {
@@ -104,24 +71,24 @@ template <typename Record> Record decoded(const Pairs &pairs) {
 // Whole encodings written out by hand: names, kinds, order and that every
 // value lands in its own pair (distinct values, so a neighbour's shows).
 TEST(RecordsWire, FrameDeviceAndBoxEncodeAsPeersExpect) {
+    EXPECT_EQ(sampleFrame().Encode(),
+              (Pairs{str("stream_id", "cam-1"), u32("frame_id", 42), i64("timestamp", 20240102030405006LL),
+                     bytes("data", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), u32("width", 4), u32("height", 1),
+                     u32("channels", 3), u32("size", 12), str("format", "com.vision.models.PIXEL_FORMAT_BGR8"),
+                     str("compression", "com.vision.models.COMPRESSION_KIND_NONE"), f32("framerate", 29.97f)}));
     EXPECT_EQ(
-        sampleFrame().Encode(),
-        (Pairs{pairStr("stream_id", "cam-1"), pairU32("frame_id", 42), pairI64("timestamp", 20240102030405006LL),
-               pairBytes("data", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), pairU32("width", 4), pairU32("height", 1),
-               pairU32("channels", 3), pairU32("size", 12), pairStr("format", "com.vision.models.PIXEL_FORMAT_BGR8"),
-               pairStr("compression", "com.vision.models.COMPRESSION_KIND_NONE"), pairF32("framerate", 29.97f)}));
-    EXPECT_EQ(sampleDevice().Encode(),
-              (Pairs{pairStr("stream_id", "cam-1"), pairStr("mac_address", "00:11:22:33:44:55"),
-                     pairStr("ip_address", "127.0.0.2"), pairI32("port", -554), pairStr("uri", "rtsp://127.0.0.2/live"),
-                     pairStr("manufacturer", "Quorix"), pairStr("model", "QX-1"), pairStr("serial", "SN9"),
-                     pairStr("fw_version", "1.2.3"), pairStr("dev_id", "dev-7"),
-                     pairStr("status", "com.vision.models.DEVICE_STATUS_ON"),
-                     pairStr("kind", "com.vision.models.DEVICE_KIND_CAMERA"), pairStr("protocol", "rtsp")}));
+        es::device().Encode(),
+        (Pairs{str("stream_id", "cam-front"), str("mac_address", "02:42:ac:11:00:02"), str("ip_address", "127.0.0.2"),
+               i32("port", -554), str("uri", "rtsp://127.0.0.2/stream1"), str("manufacturer", "Quorix"),
+               str("model", "QX-CAM-9"), str("serial", "SN-0042"), str("fw_version", "3.1.4"), str("dev_id", "dev-7"),
+               str("status", "com.vision.models.DEVICE_STATUS_ONLINE"),
+               str("kind", "com.vision.models.DEVICE_KIND_CAMERA"),
+               str("protocol", "com.vision.models.INTERFACE_RTSP")}));
     // Box members are declared in another order than they go on the wire.
-    EXPECT_EQ(sampleDetection().Encode()[3].value().iotv_nvp_seq()[0].value().iotv_nvp_seq(),
-              (Pairs{pairI32("obj_id", 5), pairStr("obj_label", "person"), pairI32("class_id", 1),
-                     pairStr("class_label", "human"), pairF32("x1", 0.5f), pairF32("y1", 1.25f), pairF32("x2", 10.0f),
-                     pairF32("y2", 20.5f), pairF32("probability", 0.875f), pairStr("meta", "tracked")}));
+    EXPECT_EQ(es::detection().Encode()[3].value().iotv_nvp_seq()[0].value().iotv_nvp_seq(),
+              (Pairs{i32("obj_id", 5), str("obj_label", "person-5"), i32("class_id", -1), str("class_label", "person"),
+                     f32("x1", 10.5f), f32("y1", 20.25f), f32("x2", 300.0f), f32("y2", 400.75f),
+                     f32("probability", 0.875f), str("meta", "{\"track\":3}")}));
     const auto mask = sampleSegments().Encode()[4].value().iotv_nvp_seq()[1].value().iotv_nvp_seq();
     EXPECT_EQ(pairNamed(mask, "width").value().iotv_uint32(), 101u);
     EXPECT_EQ(pairNamed(mask, "color").value().iotv_uint32(), 0xff00ffu);
@@ -129,10 +96,10 @@ TEST(RecordsWire, FrameDeviceAndBoxEncodeAsPeersExpect) {
 }
 
 TEST(RecordsWire, ResultListsWriteTheAgreedLayoutEvenWhenEmpty) {
-    const auto cls = sampleClassification().Encode();
+    const auto cls = es::classification().Encode();
     expectWire(cls, kResultHeaderWire, "Classification");
     expectListOf(cls[3], 2, kClassWire, "Classification data");
-    const auto det = sampleDetection().Encode();
+    const auto det = es::detection().Encode();
     expectWire(det, kResultHeaderWire, "Detection");
     expectListOf(det[3], 2, kBoxWire, "Detection data");
     const auto seg = sampleSegments().Encode();
@@ -151,17 +118,15 @@ TEST(RecordsWire, ResultListsWriteTheAgreedLayoutEvenWhenEmpty) {
 // very same pairs; with the encodings checked above this shows every member
 // decoded into its own field.
 TEST(RecordsRoundTrip, DecodeThenEncodeReproducesThePairs) {
-    const std::vector<std::pair<const char *, std::function<Pairs(const Pairs &)>>> cases = {
-        {"frame", [](const Pairs &p) { return decoded<FrameInfo>(p).Encode(); }},
-        {"device", [](const Pairs &p) { return decoded<DeviceInfo>(p).Encode(); }},
-        {"classification", [](const Pairs &p) { return decoded<Information<ClassificationData>>(p).Encode(); }},
-        {"detection", [](const Pairs &p) { return decoded<Information<DetectionBoxData>>(p).Encode(); }},
-        {"segments", [](const Pairs &p) { return decoded<SegmentInfo>(p).Encode(); }},
+    const auto expectRoundTrip = [](const auto &record, const char *what) {
+        using Record = std::decay_t<decltype(record)>;
+        EXPECT_EQ(decoded<Record>(record.Encode()).Encode(), record.Encode()) << what;
     };
-    const std::vector<Pairs> inputs = {sampleFrame().Encode(), sampleDevice().Encode(), sampleClassification().Encode(),
-                                       sampleDetection().Encode(), sampleSegments(3).Encode()};
-    for (std::size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(cases[i].second(inputs[i]), inputs[i]) << cases[i].first;
+    expectRoundTrip(sampleFrame(), "frame");
+    expectRoundTrip(es::device(), "device");
+    expectRoundTrip(es::classification(), "classification");
+    expectRoundTrip(es::detection(), "detection");
+    expectRoundTrip(sampleSegments(3), "segments");
 }
 
 TEST(RecordsRoundTrip, MovingDecoderTakesTheSameValues) {
@@ -182,7 +147,7 @@ TEST(RecordsDecode, FrameRules) {
     };
     const std::vector<Case> cases = {
         {"unknown names are ignored",
-         {pairU32("frame_id", 5), pairStr("colour", "red"), pairI32("", 3)},
+         {u32("frame_id", 5), str("colour", "red"), i32("", 3)},
          [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 5u);
              EXPECT_EQ(f.Encode(), [] {
@@ -192,26 +157,26 @@ TEST(RecordsDecode, FrameRules) {
              }());
          }},
         {"a missing framerate stays 0",
-         {pairStr("stream_id", "s"), pairU32("width", 8)},
+         {str("stream_id", "s"), u32("width", 8)},
          [](const FrameInfo &f) {
              EXPECT_EQ(f.framerate, 0.0f);
              EXPECT_EQ(f.width, 8u);
              EXPECT_EQ(f.stream_id, "s");
          }},
         {"the last of two equal names wins",
-         {pairU32("frame_id", 1), pairStr("format", "a"), pairU32("frame_id", 2), pairStr("format", "b")},
+         {u32("frame_id", 1), str("format", "a"), u32("frame_id", 2), str("format", "b")},
          [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 2u);
              EXPECT_EQ(f.format, "b");
          }},
         {"names are case-sensitive",
-         {pairU32("FRAME_ID", 9), pairU32("Frame_id", 8), pairStr("Stream_id", "x")},
+         {u32("FRAME_ID", 9), u32("Frame_id", 8), str("Stream_id", "x")},
          [](const FrameInfo &f) {
              EXPECT_EQ(f.frame_id, 0u);
              EXPECT_EQ(f.stream_id, "");
          }},
         {"order does not matter",
-         {pairF32("framerate", 12.5f), pairBytes("data", {9, 8}), pairStr("stream_id", "z")},
+         {f32("framerate", 12.5f), bytes("data", {9, 8}), str("stream_id", "z")},
          [](const FrameInfo &f) {
              EXPECT_EQ(f.framerate, 12.5f);
              EXPECT_EQ(f.data, (std::vector<unsigned char>{9, 8}));
@@ -225,10 +190,10 @@ TEST(RecordsDecode, FrameRules) {
 }
 
 TEST(RecordsDecode, ListEntriesDecodeWhateverTheirNameAndInOrder) {
-    Pairs first = {pairI32("index", 1), pairStr("label", "a")};
-    Pairs second = {pairI32("index", 2), pairStr("label", "b"), pairStr("extra", "ignored")};
-    IOT_NVP named = pairSeq("some name", second);
-    const Pairs pairs = {pairStr("engine_id", "e"), pairSeq("data", {pairSeq("", first), named})};
+    Pairs first = {i32("index", 1), str("label", "a")};
+    Pairs second = {i32("index", 2), str("label", "b"), str("extra", "ignored")};
+    IOT_NVP named = seq("some name", second);
+    const Pairs pairs = {str("engine_id", "e"), seq("data", {seq("", first), named})};
     const auto info = decoded<Information<ClassificationData>>(pairs);
     ASSERT_EQ(info.data.size(), 2u);
     EXPECT_EQ(info.data[0].index, 1);
@@ -243,17 +208,17 @@ TEST(RecordsDecode, ListEntriesDecodeWhateverTheirNameAndInOrder) {
 TEST(RecordsDecode, WrongKindThrowsTheBusLibrarysError) {
     using com::quorixtech::iot::IotKindError;
     const std::vector<std::pair<const char *, std::function<void()>>> cases = {
-        {"frame_id as int32", [] { decoded<FrameInfo>({pairI32("frame_id", 1)}); }},
-        {"data as string", [] { decoded<FrameInfo>({pairStr("data", "x")}); }},
-        {"port as string", [] { decoded<DeviceInfo>({pairStr("port", "80")}); }},
+        {"frame_id as int32", [] { decoded<FrameInfo>({i32("frame_id", 1)}); }},
+        {"data as string", [] { decoded<FrameInfo>({str("data", "x")}); }},
+        {"port as string", [] { decoded<DeviceInfo>({str("port", "80")}); }},
         {"classification index as uint32",
-         [] { decoded<Information<ClassificationData>>({pairSeq("data", {pairSeq("", {pairU32("index", 1)})})}); }},
+         [] { decoded<Information<ClassificationData>>({seq("data", {seq("", {u32("index", 1)})})}); }},
         {"detection data entry not a sequence",
-         [] { decoded<Information<DetectionBoxData>>({pairSeq("data", {pairStr("", "box")})}); }},
-        {"detection data as bytes", [] { decoded<Information<DetectionBoxData>>({pairBytes("data", {1})}); }},
-        {"segment inference_id as int64", [] { decoded<SegmentInfo>({pairI64("inference_id", 1)}); }},
+         [] { decoded<Information<DetectionBoxData>>({seq("data", {str("", "box")})}); }},
+        {"detection data as bytes", [] { decoded<Information<DetectionBoxData>>({bytes("data", {1})}); }},
+        {"segment inference_id as int64", [] { decoded<SegmentInfo>({i64("inference_id", 1)}); }},
         {"mask probability as string",
-         [] { decoded<SegmentInfo>({pairSeq("data", {pairSeq("", {pairStr("probability", "1")})})}); }},
+         [] { decoded<SegmentInfo>({seq("data", {seq("", {str("probability", "1")})})}); }},
     };
     for (const auto &c : cases)
         EXPECT_THROW(c.second(), IotKindError) << c.first;
@@ -278,60 +243,60 @@ TEST(RecordsDump, FrameInfo) {
 }
 
 TEST(RecordsDump, DeviceInfo) {
-    EXPECT_EQ(sampleDevice().GetString(), "************************************\n"
-                                          "stream_id = cam-1\n"
-                                          "mac_address = 00:11:22:33:44:55\n"
-                                          "ip_address = 127.0.0.2\n"
-                                          "port = -554\n"
-                                          "URI = rtsp://127.0.0.2/live\n"
-                                          "manufacturer = Quorix\n"
-                                          "model = QX-1\n"
-                                          "serial = SN9\n"
-                                          "fw_version = 1.2.3\n"
-                                          "dev_id = dev-7\n"
-                                          "status = com.vision.models.DEVICE_STATUS_ON\n"
-                                          "kind = com.vision.models.DEVICE_KIND_CAMERA\n"
-                                          "protocol = rtsp\n"
-                                          "************************************\n");
+    EXPECT_EQ(es::device().GetString(), "************************************\n"
+                                        "stream_id = cam-front\n"
+                                        "mac_address = 02:42:ac:11:00:02\n"
+                                        "ip_address = 127.0.0.2\n"
+                                        "port = -554\n"
+                                        "URI = rtsp://127.0.0.2/stream1\n"
+                                        "manufacturer = Quorix\n"
+                                        "model = QX-CAM-9\n"
+                                        "serial = SN-0042\n"
+                                        "fw_version = 3.1.4\n"
+                                        "dev_id = dev-7\n"
+                                        "status = com.vision.models.DEVICE_STATUS_ONLINE\n"
+                                        "kind = com.vision.models.DEVICE_KIND_CAMERA\n"
+                                        "protocol = com.vision.models.INTERFACE_RTSP\n"
+                                        "************************************\n");
 }
 
 TEST(RecordsDump, Classification) {
-    EXPECT_EQ(sampleClassification().GetString(), "************************************\n"
-                                                  "EngineID = eng\n"
-                                                  "StreamID = cam\n"
-                                                  "FrameID = 7\n"
-                                                  "Data content = \n"
-                                                  "\n"
-                                                  "[0]\n"
-                                                  " Index = 3\n"
-                                                  " Output = logits\n"
-                                                  " Label = car\n"
-                                                  " Probability = 0.75\n"
-                                                  " --------- \n"
-                                                  "[1]\n"
-                                                  " Index = -1\n"
-                                                  " Output = aux\n"
-                                                  " Label = bike\n"
-                                                  " Probability = 0.5\n"
-                                                  " --------- \n"
-                                                  "************************************\n");
+    EXPECT_EQ(es::classification().GetString(), "************************************\n"
+                                                "EngineID = classifier-1\n"
+                                                "StreamID = cam-front\n"
+                                                "FrameID = 4000000000\n"
+                                                "Data content = \n"
+                                                "\n"
+                                                "[0]\n"
+                                                " Index = -3\n"
+                                                " Output = logits\n"
+                                                " Label = cat\n"
+                                                " Probability = 0.75\n"
+                                                " --------- \n"
+                                                "[1]\n"
+                                                " Index = 281\n"
+                                                " Output = logits\n"
+                                                " Label = tabby\n"
+                                                " Probability = 0.125\n"
+                                                " --------- \n"
+                                                "************************************\n");
 }
 
 TEST(RecordsDump, Detection) {
-    auto det = sampleDetection();
+    auto det = es::detection();
     det.data.resize(1);
     EXPECT_EQ(det.GetString(), "************************************\n"
-                               "EngineID = eng\n"
-                               "StreamID = cam\n"
-                               "FrameID = 9\n"
+                               "EngineID = detector-2\n"
+                               "StreamID = cam-front\n"
+                               "FrameID = 17\n"
                                "Data content = \n"
                                "\n"
                                "[0]\n"
-                               " (ObjID, ObjLabel) = (5, person)\n"
-                               " (ClassID, ClassLabel) = (1, human)\n"
-                               " (X1, Y1, X2, Y2) = (0.5, 1.25, 10, 20.5)\n"
+                               " (ObjID, ObjLabel) = (5, person-5)\n"
+                               " (ClassID, ClassLabel) = (-1, person)\n"
+                               " (X1, Y1, X2, Y2) = (10.5, 20.25, 300, 400.75)\n"
                                " Probability = 0.875\n"
-                               " Meta = tracked\n"
+                               " Meta = {\"track\":3}\n"
                                " --------- \n"
                                "************************************\n");
 }

@@ -1,7 +1,7 @@
 #pragma once
-// Shared by the record and session tests: building pair sequences by hand (as
-// a peer would send them), the wire tables peers know, and a readable print
-// of pairs so that a mismatch names the field that broke.
+// Shared by the record and session tests: the pair builders (to write pair
+// sequences by hand, as a peer would send them), the wire tables peers know,
+// and a readable print of pairs so that a mismatch names the field that broke.
 
 #include <cstring>
 #include <functional>
@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "marlet/iot_value.h"
+#include "pair_builders.h"
 
 namespace com::quorixtech::iot {
 
@@ -63,6 +64,7 @@ inline void PrintTo(const IOT_NVP &pair, std::ostream *out) {
 
 namespace rectest {
 
+using namespace pairtest;
 using com::quorixtech::iot::IOT_NVP;
 using com::quorixtech::iot::IOT_VALUE;
 using com::quorixtech::iot::IotKind;
@@ -97,32 +99,6 @@ inline Wire operator+(Wire a, const Wire &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
-
-template <typename T> IOT_NVP makePair(const std::string &name, T v) {
-    IOT_VALUE x;
-    if constexpr (std::is_same_v<T, std::string>)
-        x.iotv_string(std::move(v));
-    else if constexpr (std::is_same_v<T, std::uint32_t>)
-        x.iotv_uint32(v);
-    else if constexpr (std::is_same_v<T, std::int32_t>)
-        x.iotv_int32(v);
-    else if constexpr (std::is_same_v<T, std::int64_t>)
-        x.iotv_int64(v);
-    else if constexpr (std::is_same_v<T, float>)
-        x.iotv_float32(v);
-    else if constexpr (std::is_same_v<T, std::vector<std::uint8_t>>)
-        x.iotv_byte_seq(std::move(v));
-    else
-        x.iotv_nvp_seq(std::move(v));
-    return IOT_NVP(name, x);
-}
-inline IOT_NVP pairStr(const std::string &name, const std::string &v) { return makePair(name, v); }
-inline IOT_NVP pairU32(const std::string &name, std::uint32_t v) { return makePair(name, v); }
-inline IOT_NVP pairI32(const std::string &name, std::int32_t v) { return makePair(name, v); }
-inline IOT_NVP pairI64(const std::string &name, std::int64_t v) { return makePair(name, v); }
-inline IOT_NVP pairF32(const std::string &name, float v) { return makePair(name, v); }
-inline IOT_NVP pairBytes(const std::string &name, std::vector<std::uint8_t> v) { return makePair(name, std::move(v)); }
-inline IOT_NVP pairSeq(const std::string &name, Pairs v) { return makePair(name, std::move(v)); }
 
 // Names, kinds and order must match exactly; the trace names the position.
 inline void expectWire(const Pairs &pairs, const Wire &expected, const std::string &what) {
