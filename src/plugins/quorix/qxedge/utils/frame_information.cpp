@@ -99,25 +99,32 @@ std::string DeviceInfo::GetString() const {
     return ss.str();
 }
 
-template <> NvpList Information<ClassificationData>::Encode() const {
+namespace {
+
+// Both result groups: the header, then one list entry per result.
+template <typename T, typename EncodeItem>
+NvpList encodeResults(const Information<T> &info, std::size_t pairsPerItem, EncodeItem encodeItem) {
     NvpList entries;
-    entries.reserve(data.size());
-    for (const auto &c : data) {
+    entries.reserve(info.data.size());
+    for (const auto &result : info.data) {
         NvpList item;
-        item.reserve(4);
-        item.push_back(fields::i32("index", c.index));
-        item.push_back(fields::str("output", c.output));
-        item.push_back(fields::str("label", c.label));
-        item.push_back(fields::f32("probability", c.probability));
+        item.reserve(pairsPerItem);
+        encodeItem(result, item);
         entries.push_back(fields::entry(std::move(item)));
     }
     NvpList pairs;
     pairs.reserve(4);
-    pairs.push_back(fields::str("engine_id", engine_id));
-    pairs.push_back(fields::str("stream_id", stream_id));
-    pairs.push_back(fields::u32("frame_id", frame_id));
+    pairs.push_back(fields::str("engine_id", info.engine_id));
+    pairs.push_back(fields::str("stream_id", info.stream_id));
+    pairs.push_back(fields::u32("frame_id", info.frame_id));
     pairs.push_back(fields::seq("data", std::move(entries)));
     return pairs;
+}
+
+} // namespace
+
+template <> NvpList Information<ClassificationData>::Encode() const {
+    return encodeResults(*this, 4, [](const ClassificationData &c, NvpList &item) { fields::encodeClass(c, item); });
 }
 
 template <> std::string Information<ClassificationData>::GetString() const {
@@ -136,37 +143,10 @@ template <> std::string Information<ClassificationData>::GetString() const {
     return ss.str();
 }
 
-void DetectionBoxData::Encode(NvpList &seq) const {
-    // Ids and labels interleave on the wire, unlike the member order; peers
-    // expect exactly this order.
-    seq.push_back(fields::i32("obj_id", obj_id));
-    seq.push_back(fields::str("obj_label", obj_label));
-    seq.push_back(fields::i32("class_id", class_id));
-    seq.push_back(fields::str("class_label", class_label));
-    seq.push_back(fields::f32("x1", x1));
-    seq.push_back(fields::f32("y1", y1));
-    seq.push_back(fields::f32("x2", x2));
-    seq.push_back(fields::f32("y2", y2));
-    seq.push_back(fields::f32("probability", probability));
-    seq.push_back(fields::str("meta", meta));
-}
+void DetectionBoxData::Encode(NvpList &seq) const { fields::encodeBox(*this, seq); }
 
 template <> NvpList Information<DetectionBoxData>::Encode() const {
-    NvpList entries;
-    entries.reserve(data.size());
-    for (const auto &box : data) {
-        NvpList item;
-        item.reserve(10);
-        box.Encode(item);
-        entries.push_back(fields::entry(std::move(item)));
-    }
-    NvpList pairs;
-    pairs.reserve(4);
-    pairs.push_back(fields::str("engine_id", engine_id));
-    pairs.push_back(fields::str("stream_id", stream_id));
-    pairs.push_back(fields::u32("frame_id", frame_id));
-    pairs.push_back(fields::seq("data", std::move(entries)));
-    return pairs;
+    return encodeResults(*this, 10, [](const DetectionBoxData &box, NvpList &item) { box.Encode(item); });
 }
 
 template <> std::string Information<DetectionBoxData>::GetString() const {

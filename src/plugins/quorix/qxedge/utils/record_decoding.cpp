@@ -18,29 +18,13 @@ void DecodeRecord(NvpList &&pairs, FrameInfo &out) {
 void DecodeRecord(const NvpList &pairs, DeviceInfo &out) { fields::decodeDevice(pairs, out); }
 
 void DecodeRecord(const NvpList &pairs, ClassificationData &out) {
-    for (const auto &p : pairs) {
-        const std::string &n = p.name();
-        if (fields::is(n, "index")) out.index = p.value().iotv_int32();
-        if (fields::is(n, "output")) out.output = p.value().iotv_string();
-        if (fields::is(n, "label")) out.label = p.value().iotv_string();
-        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
-    }
+    for (const auto &p : pairs)
+        fields::decodeClassField(p, out);
 }
 
 void DecodeRecord(const NvpList &pairs, DetectionBoxData &out) {
-    for (const auto &p : pairs) {
-        const std::string &n = p.name();
-        if (fields::is(n, "obj_id")) out.obj_id = p.value().iotv_int32();
-        if (fields::is(n, "obj_label")) out.obj_label = p.value().iotv_string();
-        if (fields::is(n, "class_id")) out.class_id = p.value().iotv_int32();
-        if (fields::is(n, "class_label")) out.class_label = p.value().iotv_string();
-        if (fields::is(n, "x1")) out.x1 = p.value().iotv_float32();
-        if (fields::is(n, "y1")) out.y1 = p.value().iotv_float32();
-        if (fields::is(n, "x2")) out.x2 = p.value().iotv_float32();
-        if (fields::is(n, "y2")) out.y2 = p.value().iotv_float32();
-        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
-        if (fields::is(n, "meta")) out.meta = p.value().iotv_string();
-    }
+    for (const auto &p : pairs)
+        fields::decodeBoxField(p, out);
 }
 
 void DecodeRecord(const NvpList &pairs, SegmentationData &out) { fields::decodeMask(pairs, out); }

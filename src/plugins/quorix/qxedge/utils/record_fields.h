@@ -61,6 +61,18 @@ inline IOT_NVP entry(Pairs v) {
     return e;
 }
 
+// The pair kind follows the member's type: the separate records carry signed
+// ids where the combined record carries unsigned ones, and one field list
+// serves both. A pair of another kind throws from its getter, as elsewhere.
+inline IOT_NVP typed(const char *name, std::int32_t v) { return i32(name, v); }
+inline IOT_NVP typed(const char *name, std::uint32_t v) { return u32(name, v); }
+inline IOT_NVP typed(const char *name, float v) { return f32(name, v); }
+inline IOT_NVP typed(const char *name, const std::string &v) { return str(name, v); }
+inline void read(const IOT_VALUE &v, std::int32_t &out) { out = v.iotv_int32(); }
+inline void read(const IOT_VALUE &v, std::uint32_t &out) { out = v.iotv_uint32(); }
+inline void read(const IOT_VALUE &v, float &out) { out = v.iotv_float32(); }
+inline void read(const IOT_VALUE &v, std::string &out) { out = v.iotv_string(); }
+
 // Exact, case-sensitive name test. The length is compared first: most of a
 // decoder's tests fail there, which keeps large lists cheap to decode.
 template <std::size_t N> bool is(const std::string &name, const char (&literal)[N]) {
@@ -140,6 +152,51 @@ template <typename Device> void decodeDevice(const Pairs &pairs, Device &out) {
         if (is(n, "kind")) out.kind = p.value().iotv_string();
         if (is(n, "protocol")) out.protocol = p.value().iotv_string();
     }
+}
+
+// The class result fields after any engine id, in wire order.
+template <typename Class> void encodeClass(const Class &c, Pairs &out) {
+    out.push_back(typed("index", c.index));
+    out.push_back(str("output", c.output));
+    out.push_back(str("label", c.label));
+    out.push_back(f32("probability", c.probability));
+}
+
+template <typename Class> void decodeClassField(const IOT_NVP &p, Class &out) {
+    const std::string &n = p.name();
+    if (is(n, "index")) read(p.value(), out.index);
+    if (is(n, "output")) out.output = p.value().iotv_string();
+    if (is(n, "label")) out.label = p.value().iotv_string();
+    if (is(n, "probability")) out.probability = p.value().iotv_float32();
+}
+
+// The box fields after any engine id. Ids and labels interleave on the wire,
+// unlike the member order; peers expect exactly this order.
+template <typename Box> void encodeBox(const Box &b, Pairs &out) {
+    out.push_back(typed("obj_id", b.obj_id));
+    out.push_back(str("obj_label", b.obj_label));
+    out.push_back(typed("class_id", b.class_id));
+    out.push_back(str("class_label", b.class_label));
+    out.push_back(f32("x1", b.x1));
+    out.push_back(f32("y1", b.y1));
+    out.push_back(f32("x2", b.x2));
+    out.push_back(f32("y2", b.y2));
+    out.push_back(f32("probability", b.probability));
+    out.push_back(str("meta", b.meta));
+}
+
+template <typename Box> void decodeBoxField(const IOT_NVP &p, Box &out) {
+    const std::string &n = p.name();
+    if (is(n, "obj_id")) read(p.value(), out.obj_id);
+    if (is(n, "obj_label")) out.obj_label = p.value().iotv_string();
+    if (is(n, "class_id")) read(p.value(), out.class_id);
+    if (is(n, "class_label")) out.class_label = p.value().iotv_string();
+    if (is(n, "x1")) out.x1 = p.value().iotv_float32();
+    if (is(n, "y1")) out.y1 = p.value().iotv_float32();
+    if (is(n, "x2")) out.x2 = p.value().iotv_float32();
+    if (is(n, "y2")) out.y2 = p.value().iotv_float32();
+    if (is(n, "probability")) out.probability = p.value().iotv_float32();
+    if (is(n, "meta")) out.meta = p.value().iotv_string();
 }
 
 template <typename Mask> Pairs encodeMask(const Mask &m) {

@@ -9,10 +9,7 @@ UniNvpList IXO_ClassificationData::Encode() const {
     UniNvpList pairs;
     pairs.reserve(5);
     pairs.push_back(fields::str("engine_id", engine_id));
-    pairs.push_back(fields::u32("index", index));
-    pairs.push_back(fields::str("output", output));
-    pairs.push_back(fields::str("label", label));
-    pairs.push_back(fields::f32("probability", probability));
+    fields::encodeClass(*this, pairs);
     return pairs;
 }
 
@@ -23,16 +20,7 @@ UniNvpList IXO_DetectionBoxData::Encode() const {
     // "engine_id", so a box's engine id does not survive this group. Both
     // spellings are part of the wire contract.
     pairs.push_back(fields::str("engin_id", engine_id));
-    pairs.push_back(fields::u32("obj_id", obj_id));
-    pairs.push_back(fields::str("obj_label", obj_label));
-    pairs.push_back(fields::u32("class_id", class_id));
-    pairs.push_back(fields::str("class_label", class_label));
-    pairs.push_back(fields::f32("x1", x1));
-    pairs.push_back(fields::f32("y1", y1));
-    pairs.push_back(fields::f32("x2", x2));
-    pairs.push_back(fields::f32("y2", y2));
-    pairs.push_back(fields::f32("probability", probability));
-    pairs.push_back(fields::str("meta", meta));
+    fields::encodeBox(*this, pairs);
     return pairs;
 }
 
@@ -67,29 +55,15 @@ namespace {
 
 void decodeClassification(const UniNvpList &pairs, IXO_ClassificationData &out) {
     for (const auto &p : pairs) {
-        const std::string &n = p.name();
-        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
-        if (fields::is(n, "index")) out.index = p.value().iotv_uint32();
-        if (fields::is(n, "output")) out.output = p.value().iotv_string();
-        if (fields::is(n, "label")) out.label = p.value().iotv_string();
-        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
+        if (fields::is(p.name(), "engine_id")) out.engine_id = p.value().iotv_string();
+        fields::decodeClassField(p, out);
     }
 }
 
 void decodeBox(const UniNvpList &pairs, IXO_DetectionBoxData &out) {
     for (const auto &p : pairs) {
-        const std::string &n = p.name();
-        if (fields::is(n, "engine_id")) out.engine_id = p.value().iotv_string();
-        if (fields::is(n, "obj_id")) out.obj_id = p.value().iotv_uint32();
-        if (fields::is(n, "obj_label")) out.obj_label = p.value().iotv_string();
-        if (fields::is(n, "class_id")) out.class_id = p.value().iotv_uint32();
-        if (fields::is(n, "class_label")) out.class_label = p.value().iotv_string();
-        if (fields::is(n, "x1")) out.x1 = p.value().iotv_float32();
-        if (fields::is(n, "y1")) out.y1 = p.value().iotv_float32();
-        if (fields::is(n, "x2")) out.x2 = p.value().iotv_float32();
-        if (fields::is(n, "y2")) out.y2 = p.value().iotv_float32();
-        if (fields::is(n, "probability")) out.probability = p.value().iotv_float32();
-        if (fields::is(n, "meta")) out.meta = p.value().iotv_string();
+        if (fields::is(p.name(), "engine_id")) out.engine_id = p.value().iotv_string();
+        fields::decodeBoxField(p, out);
     }
 }
 
