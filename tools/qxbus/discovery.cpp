@@ -36,20 +36,6 @@ constexpr auto kPollInterval = std::chrono::milliseconds(50);
 
 } // namespace
 
-std::string ddsTopicName(const std::string &topic) {
-    std::string name = topic;
-    for (char &c : name) {
-        const bool allowed =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '/';
-        if (c == '.')
-            c = '/';
-        else if (!allowed)
-            c = '_';
-    }
-    if (name.empty() || (name[0] >= '0' && name[0] <= '9')) name.insert(0, "_");
-    return name;
-}
-
 void parseIdentity(const std::string &userData, Endpoint &endpoint) {
     std::size_t start = 0;
     while (start <= userData.size()) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "marlet/marlet.h"
+
 namespace qxbus {
 
 struct Endpoint {
@@ -19,10 +21,8 @@ struct Endpoint {
     std::vector<std::string> partitions;
 };
 
-// The DDS topic name the bus library uses for a tag-group topic: '.' becomes
-// '/', other characters DDS does not allow become '_', and a leading digit gets
-// a '_' in front. Must stay in step with the library, or discovery finds nothing.
-std::string ddsTopicName(const std::string &topic);
+// Discovery matches DDS topics by the names the bus library gives them.
+using com::quorixtech::marlet::ddsTopicName;
 
 // "thingId=<id>;thingClass=<class>" as the bus library writes it; unknown keys
 // are ignored, missing ones stay empty.

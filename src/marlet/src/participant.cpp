@@ -135,22 +135,6 @@ dds_entity_t ParticipantState::topic(const std::string &topicName) {
     return t;
 }
 
-std::string ddsTopicName(const std::string &topic) {
-    // DDS topic names allow letters, digits, '_' and '/', and no leading digit;
-    // our dotted names keep their structure with '/' in place of '.'.
-    std::string name = topic;
-    for (char &c : name) {
-        const bool allowed =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '/';
-        if (c == '.')
-            c = '/';
-        else if (!allowed)
-            c = '_';
-    }
-    if (name.empty() || (name[0] >= '0' && name[0] <= '9')) name.insert(0, "_");
-    return name;
-}
-
 std::int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
@@ -202,6 +186,22 @@ void Marlet::close() { state_.reset(); }
 int Marlet::domainId() const {
     if (!state_) throw MarletError("domainId on a closed Marlet handle");
     return state_->domain->id;
+}
+
+std::string ddsTopicName(const std::string &topic) {
+    // DDS topic names allow letters, digits, '_' and '/', and no leading digit;
+    // our dotted names keep their structure with '/' in place of '.'.
+    std::string name = topic;
+    for (char &c : name) {
+        const bool allowed =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '/';
+        if (c == '.')
+            c = '/';
+        else if (!allowed)
+            c = '_';
+    }
+    if (name.empty() || (name[0] >= '0' && name[0] <= '9')) name.insert(0, "_");
+    return name;
 }
 
 } // namespace com::quorixtech::marlet

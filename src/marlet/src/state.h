@@ -109,7 +109,5 @@ struct SelectorState {
 };
 
 std::int64_t nowNs();
-// The DDS topic name for a tag group's topic ("com.vision.data.X" -> "com/vision/data/X").
-std::string ddsTopicName(const std::string &topic);
 
 } // namespace com::quorixtech::marlet::detail

@@ -287,4 +287,10 @@ private:
 // Turns "file://path" into "path"; leaves other text alone.
 std::string uriToPath(const std::string& uri);
 
+// The DDS topic name of a tag group's topic: '.' becomes '/' ("com.vision.data.X"
+// -> "com/vision/data/X"), other characters DDS does not allow become '_', and a
+// leading digit gets a '_' in front. Tools that watch the bus through DDS itself
+// find the library's topics by it.
+std::string ddsTopicName(const std::string& topic);
+
 } // namespace com::quorixtech::marlet
