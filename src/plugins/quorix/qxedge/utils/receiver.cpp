@@ -1,5 +1,7 @@
 #include "receiver.h"
 
+#include "record_copy.h"
+
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -335,16 +337,8 @@ SynchronizedData ReceiveImage::parser(const TOLVIXO::UniInfo &uniInfo) {
 
     for (const auto &box : video.detectionResult) {
         TOLVIXO::DetectionBoxData data;
-        data.obj_id = static_cast<std::int32_t>(box.obj_id);
-        data.class_id = static_cast<std::int32_t>(box.class_id);
-        data.obj_label = box.obj_label;
-        data.class_label = box.class_label;
-        data.x1 = box.x1;
-        data.y1 = box.y1;
-        data.x2 = box.x2;
-        data.y2 = box.y2;
+        TOLVIXO::copyBoxFields(box, data);
         data.probability = box.probability;
-        data.meta = box.meta;
         entry.detectionBox.data.push_back(std::move(data));
     }
 
@@ -364,21 +358,7 @@ SynchronizedData ReceiveImage::parser(const TOLVIXO::UniInfo &uniInfo) {
     }
 
     if (!uniInfo.deviceList.empty()) {
-        const TOLVIXO::IXO_DeviceInfoData &device = uniInfo.deviceList.front();
-        TOLVIXO::DeviceInfo &out = entry.deviceInfo;
-        out.stream_id = device.stream_id;
-        out.mac_address = device.mac_address;
-        out.ip_address = device.ip_address;
-        out.port = device.port;
-        out.uri = device.uri;
-        out.manufacturer = device.manufacturer;
-        out.model = device.model;
-        out.serial = device.serial;
-        out.fw_version = device.fw_version;
-        out.dev_id = device.dev_id;
-        out.status = device.status;
-        out.kind = device.kind;
-        out.protocol = device.protocol;
+        TOLVIXO::copyDeviceFields(uniInfo.deviceList.front(), entry.deviceInfo);
     }
     return entry;
 }

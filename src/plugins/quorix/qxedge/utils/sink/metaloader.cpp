@@ -7,6 +7,7 @@
 #include "filler_segmentation.h"
 #include "frame_information.h"
 #include "qxedgesink_private.h"
+#include "record_copy.h"
 #include "uni_information.h"
 #include "utils.h"
 
@@ -224,16 +225,8 @@ void loadDetection(QxEdgeSink *sink, const Sources &sources, TOLVIXO::Informatio
     target.frame_id = static_cast<std::uint32_t>(sources.frame->frame_id);
     for (const auto &result : sources.frame->det_results) {
         TOLVIXO::DetectionBoxData box;
-        box.obj_id = result.obj_id;
-        box.obj_label = result.obj_label;
-        box.class_id = result.class_id;
-        box.class_label = result.class_label;
-        box.x1 = result.x1;
-        box.y1 = result.y1;
-        box.x2 = result.x2;
-        box.y2 = result.y2;
+        TOLVIXO::copyBoxFields(result, box);
         box.probability = result.prob;
-        box.meta = result.meta;
         target.data.push_back(std::move(box));
     }
 }
@@ -289,16 +282,8 @@ void loadUni(QxEdgeSink *sink, const Sources &sources, TOLVIXO::UniInfo &target)
     for (const auto &result : frame->det_results) {
         TOLVIXO::IXO_DetectionBoxData box;
         box.engine_id = engineId;
-        box.obj_id = static_cast<std::uint32_t>(result.obj_id);
-        box.class_id = static_cast<std::uint32_t>(result.class_id);
-        box.obj_label = result.obj_label;
-        box.class_label = result.class_label;
-        box.x1 = result.x1;
-        box.y1 = result.y1;
-        box.x2 = result.x2;
-        box.y2 = result.y2;
+        TOLVIXO::copyBoxFields(result, box);
         box.probability = result.prob;
-        box.meta = result.meta;
         video.detectionResult.push_back(std::move(box));
     }
     appendSegmentRuns(frame->seg_results, video.segmentationResult);

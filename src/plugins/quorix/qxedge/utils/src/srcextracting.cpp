@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "convert.h"
+#include "record_copy.h"
 #include "utils.h"
 
 #define GST_CAT_DEFAULT qx_edgesrc_debug
@@ -99,8 +100,8 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
         // The encoded bytes that the picture conversion placed in the image.
         rawOnBus = entry.frameInfo.compression.find("NONE") != std::string::npos;
         frameId = entry.frameInfo.frame_id;
-        src->compressed_size = static_cast<guint>(
-            std::min<std::size_t>(entry.frameInfo.size, entry.frameInfo.data.size()));
+        src->compressed_size =
+            static_cast<guint>(std::min<std::size_t>(entry.frameInfo.size, entry.frameInfo.data.size()));
         extractInfo2Meta(meta, &entry);
     }
     if (image.empty()) {
@@ -150,8 +151,9 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
         // Encoded output passes the publisher's encoded bytes through; it does
         // not encode. Raw frames under these caps are a pipeline set up wrong.
         if (rawOnBus)
-            GST_WARNING_OBJECT(src, "Frame %u on the bus is raw; image/jpeg and image/png output needs a "
-                                    "publisher of encoded frames.",
+            GST_WARNING_OBJECT(src,
+                               "Frame %u on the bus is raw; image/jpeg and image/png output needs a "
+                               "publisher of encoded frames.",
                                frameId);
         src->compressed = 1;
         break;
@@ -216,16 +218,8 @@ void extractInfo2Meta(GstMeta *meta, SynchronizedData *entry) {
     }
     for (const auto &d : entry->detectionBox.data) {
         quorix::ai::DetectionBoxResult result;
-        result.obj_id = d.obj_id;
-        result.obj_label = d.obj_label;
-        result.class_id = d.class_id;
-        result.class_label = d.class_label;
-        result.x1 = d.x1;
-        result.y1 = d.y1;
-        result.x2 = d.x2;
-        result.y2 = d.y2;
+        TOLVIXO::copyBoxFields(d, result);
         result.prob = d.probability;
-        result.meta = d.meta;
         frame.det_results.push_back(std::move(result));
     }
     // A map is never larger than the frame it belongs to; the bound keeps a
@@ -234,21 +228,8 @@ void extractInfo2Meta(GstMeta *meta, SynchronizedData *entry) {
     const std::size_t maxEntries = std::max<std::size_t>(pixels, 1u << 16);
     frame.seg_results = segmentRows(entry->segmentInfo, std::min<std::size_t>(maxEntries, 1u << 24));
 
-    const TOLVIXO::DeviceInfo &d = entry->deviceInfo;
     DeviceInfoData device;
-    device.stream_id = d.stream_id;
-    device.mac_address = d.mac_address;
-    device.ip_address = d.ip_address;
-    device.port = d.port;
-    device.uri = d.uri;
-    device.manufacturer = d.manufacturer;
-    device.model = d.model;
-    device.serial = d.serial;
-    device.fw_version = d.fw_version;
-    device.dev_id = d.dev_id;
-    device.status = d.status;
-    device.kind = d.kind;
-    device.protocol = d.protocol;
+    TOLVIXO::copyDeviceFields(entry->deviceInfo, device);
 
     batch->frames.push_back(std::move(frame));
     batch->devices.push_back(std::move(device));
