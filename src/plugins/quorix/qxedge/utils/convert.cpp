@@ -4,21 +4,28 @@
 
 #include <opencv2/imgproc.hpp>
 
+namespace {
+
+// rows rows of rowBytes bytes, each at its own stride on both sides.
+void copyRows(unsigned char *dst, int dstStride, const unsigned char *src, int srcStride, int rowBytes, int rows) {
+    for (int row = 0; row < rows; ++row)
+        std::memcpy(dst + row * dstStride, src + row * srcStride, rowBytes);
+}
+
+} // namespace
+
 cv::Mat createYUVI420p(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
                        int strideY, int strideCbCr) {
     cv::Mat yuv(height + height / 2, width, CV_8UC1);
     unsigned char *dst = yuv.data;
-    for (int row = 0; row < height; ++row)
-        std::memcpy(dst + row * width, y + row * strideY, width);
+    copyRows(dst, width, y, strideY, width, height);
 
     const int chromaWidth = width / 2;
     const int chromaRows = height / 2;
     unsigned char *uPlane = dst + width * height;
     unsigned char *vPlane = uPlane + chromaWidth * chromaRows;
-    for (int row = 0; row < chromaRows; ++row) {
-        std::memcpy(uPlane + row * chromaWidth, u + row * strideCbCr, chromaWidth);
-        std::memcpy(vPlane + row * chromaWidth, v + row * strideCbCr, chromaWidth);
-    }
+    copyRows(uPlane, chromaWidth, u, strideCbCr, chromaWidth, chromaRows);
+    copyRows(vPlane, chromaWidth, v, strideCbCr, chromaWidth, chromaRows);
     return yuv;
 }
 
@@ -34,11 +41,8 @@ cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsi
                        int strideUV) {
     cv::Mat yuv(height + height / 2, width, CV_8UC1);
     unsigned char *dst = yuv.data;
-    for (int row = 0; row < height; ++row)
-        std::memcpy(dst + row * width, y + row * strideY, width);
-    unsigned char *chroma = dst + width * height;
-    for (int row = 0; row < height / 2; ++row)
-        std::memcpy(chroma + row * width, uv + row * strideUV, width);
+    copyRows(dst, width, y, strideY, width, height);
+    copyRows(dst + width * height, width, uv, strideUV, width, height / 2);
     cv::Mat bgr(height, width, CV_8UC3);
     cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
     return bgr;
@@ -53,17 +57,14 @@ void RGB8882YUVI420p(cv::Mat image, unsigned char *y, unsigned char *u, unsigned
     cv::Mat yuv(rows + rows / 2, cols, CV_8UC1);
     cv::cvtColor(image, yuv, cv::COLOR_RGB2YUV_I420);
     const unsigned char *src = yuv.data;
-    for (int row = 0; row < rows; ++row)
-        std::memcpy(y + row * strideY, src + row * cols, cols);
+    copyRows(y, strideY, src, cols, cols, rows);
 
     const int chromaWidth = cols / 2;
     const int chromaRows = rows / 2;
     const unsigned char *uPlane = src + rows * cols;
     const unsigned char *vPlane = uPlane + chromaWidth * chromaRows;
-    for (int row = 0; row < chromaRows; ++row) {
-        std::memcpy(u + row * strideCbCr, uPlane + row * chromaWidth, chromaWidth);
-        std::memcpy(v + row * strideCbCr, vPlane + row * chromaWidth, chromaWidth);
-    }
+    copyRows(u, strideCbCr, uPlane, chromaWidth, chromaWidth, chromaRows);
+    copyRows(v, strideCbCr, vPlane, chromaWidth, chromaWidth, chromaRows);
 }
 
 void RGB8882YUVNV12(cv::Mat image, unsigned char *y, unsigned char *uv, int &strideY) {
@@ -73,8 +74,7 @@ void RGB8882YUVNV12(cv::Mat image, unsigned char *y, unsigned char *uv, int &str
     cv::Mat yuv(rows + rows / 2, cols, CV_8UC1);
     cv::cvtColor(image, yuv, cv::COLOR_BGR2YUV_YV12);
     const unsigned char *src = yuv.data;
-    for (int row = 0; row < rows; ++row)
-        std::memcpy(y + row * strideY, src + row * cols, cols);
+    copyRows(y, strideY, src, cols, cols, rows);
 
     // The chroma pairs go out as one packed run with no row stride; the
     // source element sizes its buffers for exactly that.
