@@ -19,10 +19,8 @@ TEST(SinkTagGroups, SplitKeepsLeadingEmptyNamesAndDropsTrailingOnes) {
         std::vector<std::string> names;
     };
     const std::vector<Case> cases = {
-        {"a+b", {"a", "b"}}, {"+a", {"", "a"}},
-        {"a+", {"a"}},       {"a++b", {"a", "b"}},
-        {"", {""}},          {"a", {"a"}},
-        {"++", {""}},        {"VideoFrameData+ClassificationData", {"VideoFrameData", "ClassificationData"}},
+        {"a+b", {"a", "b"}}, {"+a", {"", "a"}}, {"a+", {"a"}}, {"a++b", {"a", "b"}},
+        {"", {""}},          {"a", {"a"}},      {"++", {""}},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(split(c.text), c.names) << "\"" << c.text << "\"";
@@ -59,8 +57,8 @@ TEST(SinkTagGroups, UsageTextEndsWithTheRoleAdvice) {
 }
 
 // String properties of both elements read back as written. taggroups is split
-// and joined again with '+': empty names inside and at the end drop out, a
-// leading one stays, and each write replaces the last.
+// (see above) and joined again with '+': a leading empty name stays, each write
+// replaces the last, and "uni" is appended instead.
 TEST(Elements, StringPropertiesReadBackAsWritten) {
     initGst();
     struct Case {
@@ -74,8 +72,6 @@ TEST(Elements, StringPropertiesReadBackAsWritten) {
         {"qxedgesink", "taggroups", {"uni", "uni"}, "uni+uni"},
         {"qxedgesink", "taggroups", {"uni", "VideoFrameData"}, "VideoFrameData"},
         {"qxedgesink", "taggroups", {"+DeviceInfoData"}, "+DeviceInfoData"},
-        {"qxedgesink", "taggroups", {"DeviceInfoData+"}, "DeviceInfoData"},
-        {"qxedgesink", "taggroups", {"a++b"}, "a+b"},
         {"qxedgesink", "taggroups", {}, ""},
         {"qxedgesrc", "taggroups", {"ClassificationData++DeviceInfoData"}, "ClassificationData+DeviceInfoData"},
         {"qxedgesrc", "taggroups", {"ClassificationData+DetectionBoxData", "SegmentationData"}, "SegmentationData"},
@@ -83,11 +79,8 @@ TEST(Elements, StringPropertiesReadBackAsWritten) {
          "taggroups",
          {"ClassificationData+DetectionBoxData", "uni"},
          "ClassificationData+DetectionBoxData+uni"},
-        {"qxedgesrc", "taggroups", {"uni", "uni"}, "uni+uni"},
         {"qxedgesrc", "taggroups", {}, ""},
-        {"qxedgesink", "context-id", {}, ""},
         {"qxedgesink", "context-id", {"flow-7"}, "flow-7"},
-        {"qxedgesrc", "context-id", {}, ""},
         {"qxedgesrc", "context-id", {"flow-6", "flow-7"}, "flow-7"},
     };
     for (const Case &c : cases) {
@@ -217,18 +210,17 @@ TEST(SinkElement, BadInputFailsWithItsMessage) {
         SCOPED_TRACE(c.what);
         qxtest::ConfigRoot root;
         if (c.removedFile) root.removeFile(c.removedFile);
-        qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", c.launch}, root.path(),
-                                   childEnv(root, c.debug));
-        const int status = child.wait(90s);
+        auto child = startPipeline(root, c.launch, {}, c.debug);
+        const int status = child->wait(90s);
         if (c.status == kKilled) {
-            EXPECT_GT(status, 128) << "expected death by signal; stderr:\n" << child.err();
+            EXPECT_GT(status, 128) << "expected death by signal; stderr:\n" << child->err();
         } else {
-            EXPECT_EQ(status, c.status) << child.err();
+            EXPECT_EQ(status, c.status) << child->err();
         }
         for (const std::string &line : c.stderrLines) {
-            EXPECT_NE(child.err().find(line), std::string::npos) << child.err();
+            EXPECT_NE(child->err().find(line), std::string::npos) << child->err();
         }
-        EXPECT_NE(child.out().find(c.stdoutLine), std::string::npos) << child.out();
+        EXPECT_NE(child->out().find(c.stdoutLine), std::string::npos) << child->out();
     }
 }
 
@@ -236,11 +228,9 @@ TEST(SinkElement, BadInputFailsWithItsMessage) {
 // again reuses it instead of joining the bus a second time.
 TEST(SinkElement, ReopeningReusesTheSession) {
     qxtest::ConfigRoot root;
-    qxtest::ChildProcess child({std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline",
-                                "videotestsrc ! qxedgesink name=sink taggroups=VideoFrameData", "--cycle"},
-                               root.path(), childEnv(root));
-    ASSERT_EQ(child.wait(90s), 0) << child.err();
-    const std::string out = child.out();
+    auto child = startPipeline(root, "videotestsrc ! qxedgesink name=sink taggroups=VideoFrameData", {"--cycle"});
+    ASSERT_EQ(child->wait(90s), 0) << child->err();
+    const std::string out = child->out();
     EXPECT_NE(out.find("REOPENED"), std::string::npos);
     std::size_t sessions = 0;
     for (auto at = out.find("Init flow"); at != std::string::npos; at = out.find("Init flow", at + 1)) {

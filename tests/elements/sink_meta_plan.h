@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "gstqxmeta.h"
+#include "src_expected.h"
 
 namespace sinkplan {
 
@@ -20,20 +21,9 @@ inline void fill(GstQxBatchMeta *batch, std::uint64_t n, int width, int height) 
     DeviceInfoData first;
     first.stream_id = "cam-a";
     first.port = 80;
-    DeviceInfoData second;
-    second.stream_id = "cam-b";
-    second.mac_address = "00:11:22:33:44:55";
-    second.ip_address = "127.0.0.2";
-    second.port = 554;
+    DeviceInfoData second = srcexpect::device();
     second.uri = ""; // published as "Not Set"
-    second.manufacturer = "Acme";
-    second.model = "M1";
     second.serial = "SN-" + std::to_string(n);
-    second.fw_version = "9.9";
-    second.dev_id = "dev-b";
-    second.status = "com.vision.models.DEVICE_STATUS_ONLINE";
-    second.kind = "com.vision.models.DEVICE_KIND_CAMERA";
-    second.protocol = "com.vision.models.INTERFACE_RTSP";
     batch->devices = {first, second};
 
     VideoFrameData frame;

@@ -3,16 +3,13 @@
 // process (helpers/sink_pipeline), this process subscribes with the bus
 // library and compares what arrived with what the same input must give.
 
-#include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
-#include <opencv2/core.hpp>
 
 #include <chrono>
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "frame_information.h"
@@ -27,73 +24,9 @@ namespace sinktest {
 using namespace std::chrono_literals;
 using Pairs = std::vector<com::quorixtech::iot::IOT_NVP>;
 
+using srctest::childEnv;
 using srctest::initGst;
-
-// The child's own registry file, and GST_DEBUG when the test reads the log.
-inline std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root,
-                                                                 const std::string &debug = "") {
-    auto env = srctest::childEnv(root, "sink");
-    if (!debug.empty()) {
-        env.emplace_back("GST_DEBUG", debug);
-        env.emplace_back("GST_DEBUG_NO_COLOR", "1");
-    }
-    return env;
-}
-
-// The publishing pipeline; it waits in READY until go() so the subscriber is
-// already on the bus when the first frame is written.
-class Publisher {
-  public:
-    Publisher(const qxtest::ConfigRoot &root, const std::string &launch, std::vector<std::string> options = {},
-              const std::string &debug = "")
-        : root_(root) {
-        std::vector<std::string> argv{std::string(QX_TEST_HELPER_DIR) + "/sink_pipeline", launch};
-        argv.insert(argv.end(), options.begin(), options.end());
-        argv.push_back("--go");
-        argv.push_back(root.file("go"));
-        child_ = std::make_unique<qxtest::ChildProcess>(argv, root.path(), childEnv(root, debug));
-    }
-    bool ready() { return child_->waitForOutput("READY", 60s); }
-    // Discovery between the two processes needs a moment on loopback; the
-    // frames carry ids, so a late match shows up as missing leading frames.
-    void go() {
-        std::this_thread::sleep_for(1500ms);
-        root_.writeFile("go", "go");
-    }
-    qxtest::ChildProcess &child() { return *child_; }
-
-  private:
-    const qxtest::ConfigRoot &root_;
-    std::unique_ptr<qxtest::ChildProcess> child_;
-};
-
-struct GroupFiles {
-    const char *properties;
-    const char *thingClass;
-    const char *tagGroup;
-};
-
-inline GroupFiles inFilesOf(const std::string &group) {
-    static const std::map<std::string, GroupFiles> files = {
-        {"DeviceInfoData",
-         {"config/DeviceInfoThingInProperties.json",
-          "definitions/ThingClass/com.vision.data/DeviceInfoThingInClass.json",
-          "definitions/TagGroup/com.vision.data/DeviceInfoTagGroup.json"}},
-        {"ClassificationData",
-         {"config/ClassificationThingInProperties.json",
-          "definitions/ThingClass/com.vision.data/ClassificationThingInClass.json",
-          "definitions/TagGroup/com.vision.data/ClassificationTagGroup.json"}},
-        {"DetectionBoxData",
-         {"config/DetectionBoxThingInProperties.json",
-          "definitions/ThingClass/com.vision.data/DetectionBoxThingInClass.json",
-          "definitions/TagGroup/com.vision.data/DetectionBoxTagGroup.json"}},
-        {"SegmentationData",
-         {"config/SegmentationThingInProperties.json",
-          "definitions/ThingClass/com.vision.data/SegmentationThingInClass.json",
-          "definitions/TagGroup/com.vision.data/SegmentationTagGroup.json"}},
-    };
-    return files.at(group);
-}
+using srctest::startPipeline;
 
 // Subscribes to the video group (separate or combined record) and any of the
 // four result groups, in this process, on the test's own domain.
@@ -108,8 +41,10 @@ class BusReader {
         selectors_["VideoFrameData"] = edge_->thing.select("VideoFrameData").batch(64);
         for (const std::string &group : groups) {
             if (group == "VideoFrameData") continue;
-            const GroupFiles files = inFilesOf(group);
-            edge_->AddThing(group, files.properties, files.thingClass, {files.tagGroup});
+            const std::string kind = group.substr(0, group.size() - 4); // "ClassificationData" -> "Classification"
+            edge_->AddThing(group, "config/" + kind + "ThingInProperties.json",
+                            "definitions/ThingClass/com.vision.data/" + kind + "ThingInClass.json",
+                            {"definitions/TagGroup/com.vision.data/" + kind + "TagGroup.json"});
             selectors_[group] = edge_->things.at(group).select(group).batch(64);
         }
         // Readers are opened by the first read; open them now so that the
@@ -152,34 +87,6 @@ class BusReader {
     std::map<std::string, com::quorixtech::marlet::Thing::Selector> selectors_;
     std::map<std::string, std::vector<Pairs>> early_;
 };
-
-// What videotestsrc gives for the launch fragment, one entry per frame: the
-// B,G,R picture OpenCV makes of raw frames, or the encoded bytes as they are.
-inline std::vector<std::vector<unsigned char>> referenceFrames(const std::string &sourceAndCaps, bool encoded) {
-    initGst();
-    const std::string description = sourceAndCaps + " ! appsink name=out sync=false";
-    GstElement *pipeline = gst_parse_launch(description.c_str(), nullptr);
-    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    std::vector<std::vector<unsigned char>> frames;
-    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 20 * GST_SECOND)) {
-        GstBuffer *buffer = gst_sample_get_buffer(sample);
-        if (encoded) {
-            std::vector<unsigned char> bytes(gst_buffer_get_size(buffer));
-            gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
-            frames.push_back(std::move(bytes));
-            gst_sample_unref(sample);
-            continue;
-        }
-        const cv::Mat bgr = srctest::toBgr(buffer, gst_sample_get_caps(sample));
-        frames.emplace_back(bgr.data, bgr.data + bgr.total() * bgr.elemSize());
-        gst_sample_unref(sample);
-    }
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(sink);
-    gst_object_unref(pipeline);
-    return frames;
-}
 
 template <typename Record> Record decode(const Pairs &pairs) {
     Record record{};

@@ -5,13 +5,13 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include <algorithm>
-#include <tuple>
-
 #include "src_expected.h"
 #include "src_support.h"
 
 using namespace std::chrono_literals;
+using srcexpect::fields;
+using srcexpect::same;
+using srctest::collect;
 using srctest::Received;
 using srctest::Subscriber;
 
@@ -27,46 +27,6 @@ constexpr double kPictureTolerance = 3.0;
 std::string capsFor(const std::string &format, const std::string &framerate = "30/1") {
     return "video/x-raw,format=" + format + ",width=" + std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
            ",framerate=" + framerate;
-}
-
-// Pulls buffers while the publisher runs and until its last frame arrived or
-// nothing more came for a while after it ended.
-std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publisher, int lastFrameId) {
-    std::vector<Received> received;
-    auto quietSince = std::chrono::steady_clock::now();
-    const auto deadline = std::chrono::steady_clock::now() + 90s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        Received r;
-        if (subscriber.pull(r, 200ms)) {
-            const bool last = !r.frames.empty() && r.frames.front().frame_id == lastFrameId;
-            received.push_back(std::move(r));
-            quietSince = std::chrono::steady_clock::now();
-            if (last) break;
-            continue;
-        }
-        if (publisher.running()) {
-            quietSince = std::chrono::steady_clock::now();
-        } else if (std::chrono::steady_clock::now() - quietSince > 3s) {
-            break;
-        }
-    }
-    return received;
-}
-
-// Every field of a result or device, for whole-record comparison. Floats compare
-// exactly: every value the publisher attaches is a sum of powers of two.
-auto fields(const quorix::ai::ClassificationResult &c) { return std::tie(c.index, c.output, c.label, c.prob); }
-auto fields(const quorix::ai::DetectionBoxResult &d) {
-    return std::tie(d.obj_id, d.obj_label, d.class_id, d.class_label, d.x1, d.y1, d.x2, d.y2, d.prob, d.meta);
-}
-auto fields(const quorix::ai::SegmentResult &s) { return std::tie(s.class_id, s.prob, s.label); }
-auto fields(const DeviceInfoData &d) {
-    return std::tie(d.stream_id, d.mac_address, d.ip_address, d.port, d.uri, d.manufacturer, d.model, d.serial,
-                    d.fw_version, d.dev_id, d.status, d.kind, d.protocol);
-}
-template <typename T> bool same(const T &a, const T &b) { return fields(a) == fields(b); }
-template <typename T> bool same(const std::vector<T> &a, const std::vector<T> &b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const T &x, const T &y) { return same(x, y); });
 }
 
 struct Tally {
@@ -86,7 +46,6 @@ void checkDelivered(const std::vector<Received> &received, const std::vector<cv:
         ASSERT_EQ(r.frames.size(), 1u);
         ASSERT_EQ(r.devices.size(), 1u);
         const VideoFrameData &got = r.frames.front();
-        EXPECT_EQ(got.stream_id, stream);
         // No order is asserted: when frames queue up, the synchroniser's walk
         // hands some out twice and can hand an older one out after a newer one.
         // What must hold is that every buffer carries its own frame's picture
@@ -94,14 +53,8 @@ void checkDelivered(const std::vector<Received> &received, const std::vector<cv:
         ASSERT_GE(got.frame_id, 0);
         ASSERT_LT(got.frame_id, static_cast<int>(reference.size()));
 
-        const VideoFrameData want = srcexpect::frame(got.frame_id, stream, kWidth, kHeight, 0);
-        EXPECT_EQ(got.timestamp, want.timestamp);
-        EXPECT_EQ(got.width, kWidth);
-        EXPECT_EQ(got.height, kHeight);
-        EXPECT_EQ(got.channels, 3);
-        EXPECT_EQ(got.depth, 8);
-        EXPECT_EQ(got.device_idx, 0);
-        EXPECT_FALSE(got.is_compress);
+        const VideoFrameData want = srcexpect::frame(got.frame_id, stream, kWidth, kHeight);
+        EXPECT_EQ(fields(got), fields(want));
 
         // The bus carries B,G,R bytes under the RGB token and the I420 encoder
         // reads R,G,B (both kept on purpose): I420 output has red and blue exchanged.
@@ -148,7 +101,7 @@ TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
     constexpr int kFrames = 40;
     const std::string stream = std::string("stream-") + c.name;
     const srctest::PublisherRun run{c.format, kFrames, stream, c.publisherGroups};
-    const auto reference = srctest::referenceFrames(run);
+    const auto reference = srctest::referenceFrames(srctest::sourceOf(run));
     ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
 
     qxtest::ConfigRoot root;
@@ -191,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
     constexpr int kFrames = 30;
     const srctest::PublisherRun own{"BGR", kFrames, "ctx-A", srcexpect::kAllGroupsWithVideo, "flow-A"};
-    const auto reference = srctest::referenceFrames(own);
+    const auto reference = srctest::referenceFrames(srctest::sourceOf(own));
     qxtest::ConfigRoot root;
     root.enter();
     Subscriber subscriber(std::string("taggroups=") + srcexpect::kResultGroups + " context-id=flow-A", capsFor("BGR"));
@@ -205,10 +158,6 @@ TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
     const auto received = collect(subscriber, *publisher, kFrames - 1);
     EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
     ASSERT_FALSE(received.empty());
-    for (const Received &r : received) {
-        ASSERT_EQ(r.frames.size(), 1u);
-        EXPECT_EQ(r.frames.front().stream_id, "ctx-A");
-    }
     Tally tally;
     checkDelivered(received, reference, "BGR", "ctx-A", tally);
 }
@@ -216,7 +165,7 @@ TEST(SrcContext, SourceReceivesOnlyItsOwnContext) {
 // A publisher that starts again from frame id 0 is picked up.
 TEST(SrcRestart, PublisherRestartingFromFrameZeroIsPickedUp) {
     constexpr int kFrames = 30;
-    const auto reference = srctest::referenceFrames({"NV12", kFrames, "run-2"});
+    const auto reference = srctest::referenceFrames(srctest::sourceOf({"NV12", kFrames, "run-2"}));
     qxtest::ConfigRoot root;
     root.enter();
     testing::internal::CaptureStdout();
@@ -261,7 +210,7 @@ TEST_P(SrcEncoded, BuffersAreThePublishedPicturesByteForByte) {
     constexpr int kFrames = 20;
     srctest::PublisherRun run{c.rawFormat, kFrames, std::string("enc-") + c.name};
     run.encoder = c.encoder;
-    const auto reference = srctest::referenceEncoded(run);
+    const auto reference = srctest::referenceEncoded(srctest::sourceOf(run));
     ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
 
     qxtest::ConfigRoot root;
@@ -292,7 +241,9 @@ TEST_P(SrcEncoded, BuffersAreThePublishedPicturesByteForByte) {
 INSTANTIATE_TEST_SUITE_P(Encoders, SrcEncoded,
                          ::testing::Values(EncodedCase{"jpeg", "I420", "jpegenc", "image/jpeg"},
                                            EncodedCase{"png", "RGB", "pngenc", "image/png,framerate=30/1"}),
-                         [](const ::testing::TestParamInfo<EncodedCase> &info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<EncodedCase> &info) {
+                             return std::string(info.param.name);
+                         });
 
 // Without a frame rate the source delivers exactly one buffer, then ends the stream.
 TEST(SrcFramerate, ZeroFramerateGivesOneBufferThenEos) {

@@ -3,8 +3,11 @@
 // writes it) and the qxedgesrc tests (which compare what arrived with it).
 // Every value depends on the frame id, so a result paired with the wrong frame shows.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "gstqxmeta.h"
 
@@ -20,11 +23,11 @@ inline constexpr const char *kResultGroups = "ClassificationData+DetectionBoxDat
 inline constexpr int kSegRows = 3;
 inline constexpr int kSegCols = 6;
 
-inline VideoFrameData frame(int id, const std::string &stream, int width, int height, std::uint64_t timestamp) {
+inline VideoFrameData frame(int id, const std::string &stream, int width, int height) {
     VideoFrameData f;
     f.stream_id = stream;
     f.frame_id = id;
-    f.timestamp = timestamp != 0 ? timestamp : 1000u + static_cast<std::uint64_t>(id);
+    f.timestamp = 1000u + static_cast<std::uint64_t>(id);
     f.width = width;
     f.height = height;
     f.depth = 8;
@@ -87,10 +90,29 @@ inline DeviceInfoData device() {
     return d;
 }
 
-inline void fillBatch(GstQxBatchMeta &meta, int id, const std::string &stream, int width, int height,
-                      std::uint64_t timestamp) {
-    meta.frames.push_back(frame(id, stream, width, height, timestamp));
-    meta.devices.push_back(device());
+// Every field of a record, for whole-record comparison. Floats compare exactly:
+// every value above is a sum of powers of two.
+inline auto fields(const quorix::ai::ClassificationResult &c) { return std::tie(c.index, c.output, c.label, c.prob); }
+inline auto fields(const quorix::ai::DetectionBoxResult &d) {
+    return std::tie(d.obj_id, d.obj_label, d.class_id, d.class_label, d.x1, d.y1, d.x2, d.y2, d.prob, d.meta);
+}
+inline auto fields(const quorix::ai::SegmentResult &s) { return std::tie(s.class_id, s.prob, s.label); }
+inline auto fields(const DeviceInfoData &d) {
+    return std::tie(d.stream_id, d.mac_address, d.ip_address, d.port, d.uri, d.manufacturer, d.model, d.serial,
+                    d.fw_version, d.dev_id, d.status, d.kind, d.protocol);
+}
+// A frame's own fields, without its results.
+inline auto fields(const VideoFrameData &f) {
+    return std::tie(f.stream_id, f.frame_id, f.timestamp, f.width, f.height, f.depth, f.channels, f.device_idx,
+                    f.is_compress);
+}
+template <typename T> bool same(const T &a, const T &b) { return fields(a) == fields(b); }
+template <typename T> bool same(const std::vector<T> &a, const std::vector<T> &b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const T &x, const T &y) { return same(x, y); });
+}
+inline bool sameWithResults(const VideoFrameData &a, const VideoFrameData &b) {
+    return same(a, b) && same(a.class_results, b.class_results) && same(a.det_results, b.det_results) &&
+           same(a.seg_results, b.seg_results);
 }
 
 } // namespace srcexpect

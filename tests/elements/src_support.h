@@ -64,35 +64,37 @@ class Subscriber {
     bool stopped_ = false;
 };
 
-// Environment for a child pipeline process: the build plug-ins and a registry of its own.
-std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root, const std::string &tag);
+// Environment for a child pipeline process: the build plug-ins, a registry of
+// its own, and GST_DEBUG when the test reads the log.
+std::vector<std::pair<std::string, std::string>> childEnv(const qxtest::ConfigRoot &root,
+                                                          const std::string &debug = "");
+// Runs helpers/sink_pipeline (options: see there) on the launch line in a child process.
+std::unique_ptr<qxtest::ChildProcess> startPipeline(const qxtest::ConfigRoot &root, const std::string &launch,
+                                                    const std::vector<std::string> &options = {},
+                                                    const std::string &debug = "");
 
-// One publishing run: videotestsrc (smpte, moving) ! caps ! qxedgesink in a
-// child process, with the metadata of src_expected.h on every frame. It waits
-// a second in READY so that a subscriber started before it matches its writers.
+// One publishing run: videotestsrc (smpte, moving) ! 320x240 caps ! qxedgesink
+// in a child process, with the metadata of src_expected.h on every frame. It
+// waits a second in READY so that a subscriber started before it matches its writers.
 struct PublisherRun {
     std::string format;
     int frames;
     std::string stream;
     std::string taggroups = srcexpect::kAllGroupsWithVideo;
     std::string contextId;
-    int width = 320;
-    int height = 240;
-    int speed = 8;
     std::string encoder; // e.g. "jpegenc": publishes encoded pictures
 };
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
 
-// The frames the publisher's videotestsrc makes for the run, as B,G,R pictures.
-std::vector<cv::Mat> referenceFrames(const PublisherRun &run);
-// The buffers the publisher's source makes for a run with an encoder, byte for byte.
-std::vector<std::vector<unsigned char>> referenceEncoded(const PublisherRun &run);
+// Pulls buffers while the publisher runs, until its frame lastFrameId arrived
+// or nothing more came for a while after it ended.
+std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publisher, int lastFrameId);
 
-// True for image/jpeg and image/png caps.
-bool isEncoded(GstCaps *caps);
-std::vector<unsigned char> bytesOf(GstBuffer *buffer);
-// Picture of a raw video buffer (I420, NV12 or BGR) as B,G,R.
-cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps);
+// The source of a run ("videotestsrc ... ! caps [! encoder]"), and what such a
+// source makes when run alone: each picture as B,G,R, or each buffer's bytes.
+std::string sourceOf(const PublisherRun &run);
+std::vector<cv::Mat> referenceFrames(const std::string &source);
+std::vector<std::vector<unsigned char>> referenceEncoded(const std::string &source);
 
 double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
 

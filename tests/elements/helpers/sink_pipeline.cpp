@@ -1,15 +1,13 @@
 // Runs one publishing pipeline for the qxedgesink and qxedgesrc tests, in its
 // own process as users run it. Usage:
 //   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta | --src-meta STREAM] [--retag NAMES]
-//                 [--go FILE | --settle-ms N] [--cycle]
+//                 [--settle-ms N] [--cycle]
 // --meta attaches the batch metadata of sink_meta_plan.h to every frame on
 // its way into the sink; --src-meta the one of src_expected.h, under stream
 // id STREAM, numbering frames from 0; --retag sets taggroups after the session
-// is open; --go waits in READY until FILE exists and --settle-ms waits N ms
-// there, so a subscriber can join first; --cycle goes READY -> NULL -> READY
-// -> NULL and exits without streaming.
-// Prints "READY" once the session is open. Exit: 0 on EOS, 2 on a pipeline
-// error, 3 when the state change to READY fails.
+// is open; --settle-ms waits N ms in READY; --cycle goes READY -> NULL ->
+// READY -> NULL and exits without streaming.
+// Exit: 0 on EOS, 2 on a pipeline error, 3 when the state change to READY fails.
 
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -19,7 +17,6 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 #include "../sink_meta_plan.h"
 #include "../src_expected.h"
@@ -51,7 +48,8 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) 
     if (plan->sinkPlan) {
         sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
     } else {
-        srcexpect::fillBatch(*batch, plan->count++, plan->srcStream, width, height, 0);
+        batch->frames.push_back(srcexpect::frame(plan->count++, plan->srcStream, width, height));
+        batch->devices.push_back(srcexpect::device());
     }
     return GST_PAD_PROBE_OK;
 }
@@ -61,15 +59,12 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) 
 int main(int argc, char **argv) {
     gst_init(&argc, &argv);
     if (argc < 2) {
-        std::fprintf(stderr, "usage: sink_pipeline LAUNCH [--meta | --src-meta STREAM] [--retag NAMES] "
-                             "[--go FILE | --settle-ms N] [--cycle]\n");
+        std::fprintf(stderr, "usage: sink_pipeline LAUNCH [options, see the source]\n");
         return 64;
     }
     Plan plan;
     int settleMs = 0;
     std::string retag;
-    bool doRetag = false;
-    std::string goFile;
     bool cycle = false;
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -81,11 +76,8 @@ int main(int argc, char **argv) {
             settleMs = std::atoi(argv[++i]);
         } else if (arg == "--retag" && i + 1 < argc) {
             retag = argv[++i];
-            doRetag = true;
         } else if (arg == "--cycle") {
             cycle = true;
-        } else if (arg == "--go" && i + 1 < argc) {
-            goFile = argv[++i];
         }
     }
     GError *error = nullptr;
@@ -120,16 +112,7 @@ int main(int argc, char **argv) {
         gst_object_unref(pipeline);
         return closed && reopened ? 0 : 3;
     }
-    if (doRetag) {
-        g_object_set(sink, "taggroups", retag.c_str(), nullptr);
-    }
-    std::printf("READY\n");
-    std::fflush(stdout);
-    if (!goFile.empty()) {
-        for (int i = 0; i < 6000 && access(goFile.c_str(), F_OK) != 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
+    if (!retag.empty()) g_object_set(sink, "taggroups", retag.c_str(), nullptr);
     // The sink creates its writers on the way to READY; a subscriber started
     // earlier matches them during this wait, so the first frames and their
     // results are not written into an unmatched bus.

@@ -14,7 +14,7 @@
 namespace qxtest {
 
 namespace {
-std::string slurp(const std::string& path) {
+std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream ss;
     ss << in.rdbuf();
@@ -22,8 +22,8 @@ std::string slurp(const std::string& path) {
 }
 } // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
-                           const std::vector<std::pair<std::string, std::string>>& env) {
+ChildProcess::ChildProcess(const std::vector<std::string> &argv, const std::string &cwd,
+                           const std::vector<std::pair<std::string, std::string>> &env) {
     if (argv.empty()) throw std::invalid_argument("empty argv");
     static int counter = 0;
     const std::string base = cwd + "/child-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
@@ -39,9 +39,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         if (out < 0 || err < 0) ::_exit(126);
         ::dup2(out, 1);
         ::dup2(err, 2);
-        for (const auto& [k, v] : env) ::setenv(k.c_str(), v.c_str(), 1);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        for (const auto &[k, v] : env)
+            ::setenv(k.c_str(), v.c_str(), 1);
+        std::vector<char *> args;
+        for (const auto &a : argv)
+            args.push_back(const_cast<char *>(a.c_str()));
         args.push_back(nullptr);
         ::execv(args[0], args.data());
         ::_exit(127);
@@ -55,48 +57,39 @@ ChildProcess::~ChildProcess() {
     }
 }
 
+bool ChildProcess::reap() {
+    int st = 0;
+    if (::waitpid(pid_, &st, WNOHANG) != pid_) return false;
+    reaped_ = true;
+    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return true;
+}
+
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
-    if (reaped_) return status_;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-        int st = 0;
-        const pid_t r = ::waitpid(pid_, &st, WNOHANG);
-        if (r == pid_) {
-            reaped_ = true;
-            status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            return status_;
-        }
+    while (!reaped_ && !reap()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
             reaped_ = true;
             status_ = -1;
-            return -1;
+            break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    return status_;
 }
 
 void ChildProcess::terminate(int signal) {
     if (!reaped_) ::kill(pid_, signal);
 }
 
-bool ChildProcess::running() {
-    if (reaped_) return false;
-    int st = 0;
-    const pid_t r = ::waitpid(pid_, &st, WNOHANG);
-    if (r == pid_) {
-        reaped_ = true;
-        status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        return false;
-    }
-    return true;
-}
+bool ChildProcess::running() { return !reaped_ && !reap(); }
 
 std::string ChildProcess::out() const { return slurp(outPath_); }
 std::string ChildProcess::err() const { return slurp(errPath_); }
 
-bool ChildProcess::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
+bool ChildProcess::waitForOutput(const std::string &text, std::chrono::milliseconds timeout) const {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         if (out().find(text) != std::string::npos) return true;

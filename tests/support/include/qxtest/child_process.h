@@ -12,12 +12,12 @@
 namespace qxtest {
 
 class ChildProcess {
-public:
-    ChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
-                 const std::vector<std::pair<std::string, std::string>>& env = {});
+  public:
+    ChildProcess(const std::vector<std::string> &argv, const std::string &cwd,
+                 const std::vector<std::pair<std::string, std::string>> &env = {});
     ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
 
     // Exit status (exit code, or 128 + signal); -1 when it did not end in time
     // (the child is then killed).
@@ -28,9 +28,12 @@ public:
     std::string out() const;
     std::string err() const;
     // Polls stdout until it contains text or the timeout passes.
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
+    bool waitForOutput(const std::string &text, std::chrono::milliseconds timeout) const;
 
-private:
+  private:
+    // Records the exit status if the child has ended.
+    bool reap();
+
     pid_t pid_ = -1;
     int status_ = -1;
     bool reaped_ = false;
