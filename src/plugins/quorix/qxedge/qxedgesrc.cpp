@@ -352,7 +352,9 @@ static GstCaps *qx_edgesrc_fixate(GstBaseSrc *bsrc, GstCaps *caps) {
             gst_structure_fixate_field_nearest_int(structure, "width", width);
         if (gst_structure_has_field(structure, "height") && height > 0)
             gst_structure_fixate_field_nearest_int(structure, "height", height);
-        gst_structure_fixate_field_nearest_fraction(structure, "framerate", 100, 1);
+        // Encoded caps may carry no rate at all; fixating a missing field is a critical in GStreamer.
+        if (gst_structure_has_field(structure, "framerate"))
+            gst_structure_fixate_field_nearest_fraction(structure, "framerate", 100, 1);
         if (gst_structure_has_field(structure, "format")) gst_structure_fixate_field(structure, "format");
         if (gst_structure_has_field(structure, "interlace-mode"))
             gst_structure_fixate_field(structure, "interlace-mode");
