@@ -15,6 +15,7 @@
 #include <opencv2/core.hpp>
 
 #include "frame_information.h"
+#include "synchronized_data.h"
 #include "uni_information.h"
 
 // Guards the six queues of every Synchronizer::syncPool and the receiver's image
@@ -22,17 +23,6 @@
 // removes entries from synchronizedVec, so no queue is ever touched by two
 // threads at once.
 extern std::mutex m;
-
-// One frame with whatever results were found for it. A member without a partner
-// keeps its default (empty) value.
-class SynchronizedData {
-  public:
-    TOLVIXO::FrameInfo frameInfo;
-    TOLVIXO::DeviceInfo deviceInfo;
-    TOLVIXO::Information<TOLVIXO::ClassificationData> classification;
-    TOLVIXO::Information<TOLVIXO::DetectionBoxData> detectionBox;
-    TOLVIXO::SegmentInfo segmentInfo;
-};
 
 // The queues of one synchroniser; the front of each vector is the oldest entry.
 // Every access goes through m.
