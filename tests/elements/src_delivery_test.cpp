@@ -24,8 +24,9 @@ constexpr int kHeight = 240;
 // publisher, BGR -> YUV at the subscriber, back to BGR here).
 constexpr double kPictureTolerance = 3.0;
 
-std::string capsFor(const std::string &format, const std::string &framerate = "30/1") {
-    return "video/x-raw,format=" + format + ",width=" + std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
+std::string capsFor(const std::string &format, const std::string &framerate = "30/1", int width = kWidth,
+                    int height = kHeight) {
+    return "video/x-raw,format=" + format + ",width=" + std::to_string(width) + ",height=" + std::to_string(height) +
            ",framerate=" + framerate;
 }
 
@@ -38,7 +39,8 @@ struct Tally {
 // Every delivered buffer: frame id of this run, picture of that frame, and
 // results (when the synchroniser found them) that belong to that very frame.
 void checkDelivered(const std::vector<Received> &received, const std::vector<cv::Mat> &reference,
-                    const std::string &format, const std::string &stream, Tally &tally) {
+                    const std::string &format, const std::string &stream, Tally &tally, int width = kWidth,
+                    int height = kHeight) {
     for (const Received &r : received) {
         SCOPED_TRACE(format + " buffer " + std::to_string(tally.buffers));
         ++tally.buffers;
@@ -53,7 +55,7 @@ void checkDelivered(const std::vector<Received> &received, const std::vector<cv:
         ASSERT_GE(got.frame_id, 0);
         ASSERT_LT(got.frame_id, static_cast<int>(reference.size()));
 
-        const VideoFrameData want = srcexpect::frame(got.frame_id, stream, kWidth, kHeight);
+        const VideoFrameData want = srcexpect::frame(got.frame_id, stream, width, height);
         EXPECT_EQ(fields(got), fields(want));
 
         // The bus carries B,G,R bytes under the RGB token and the I420 encoder
@@ -90,6 +92,8 @@ struct DeliveryCase {
     const char *format;
     const char *sourceGroups;
     const char *publisherGroups;
+    int width = kWidth;
+    int height = kHeight;
 };
 
 void PrintTo(const DeliveryCase &c, std::ostream *os) { *os << c.name; }
@@ -100,14 +104,16 @@ TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
     const DeliveryCase &c = GetParam();
     constexpr int kFrames = 40;
     const std::string stream = std::string("stream-") + c.name;
-    const srctest::PublisherRun run{c.format, kFrames, stream, c.publisherGroups};
+    srctest::PublisherRun run{c.format, kFrames, stream, c.publisherGroups};
+    run.width = c.width;
+    run.height = c.height;
     const auto reference = srctest::referenceFrames(srctest::sourceOf(run));
     ASSERT_EQ(reference.size(), static_cast<std::size_t>(kFrames));
 
     qxtest::ConfigRoot root;
     root.enter();
     testing::internal::CaptureStdout();
-    Subscriber subscriber(std::string("taggroups=") + c.sourceGroups, capsFor(c.format));
+    Subscriber subscriber(std::string("taggroups=") + c.sourceGroups, capsFor(c.format, "30/1", c.width, c.height));
     subscriber.start();
     auto publisher = srctest::startPublisher(root, run);
     const auto received = collect(subscriber, *publisher, kFrames - 1);
@@ -119,7 +125,7 @@ TEST_P(SrcDelivery, BuffersCarryThePublishersPicturesAndResults) {
     EXPECT_NE(out.find("waiting for marlet data..."), std::string::npos);
     ASSERT_FALSE(received.empty()) << "nothing delivered; publisher said: " << publisher->out() << publisher->err();
     Tally tally;
-    checkDelivered(received, reference, c.format, stream, tally);
+    checkDelivered(received, reference, c.format, stream, tally, c.width, c.height);
     // The combined record carries its results inside, so every buffer has them.
     // Separate records are paired by the synchroniser, whose walk can lose the
     // pairing for the rest of a run once one result came late (a known
@@ -136,7 +142,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(DeliveryCase{"I420", "I420", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
                       DeliveryCase{"NV12", "NV12", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
                       DeliveryCase{"BGR", "BGR", srcexpect::kResultGroups, srcexpect::kAllGroupsWithVideo},
-                      DeliveryCase{"uni_I420", "I420", "uni", "uni"}, DeliveryCase{"uni_BGR", "BGR", "uni", "uni"}),
+                      DeliveryCase{"uni_I420", "I420", "uni", "uni"}, DeliveryCase{"uni_BGR", "BGR", "uni", "uni"},
+                      // Odd sizes both ways: the publisher converts them, the source writes odd frames.
+                      DeliveryCase{"I420_321x241", "I420", "uni", "uni", 321, 241},
+                      DeliveryCase{"NV12_321x241", "NV12", "uni", "uni", 321, 241}),
     [](const ::testing::TestParamInfo<DeliveryCase> &info) { return std::string(info.param.name); });
 
 // A source under one context id takes nothing published under another; the

@@ -4,7 +4,6 @@
 // the reference pictures the publisher's videotestsrc produces.
 
 #include <chrono>
-#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,27 +40,23 @@ class Subscriber {
     Subscriber(const Subscriber &) = delete;
     Subscriber &operator=(const Subscriber &) = delete;
 
-    // Sets the pipeline PLAYING on a thread of its own: the source blocks in
-    // READY to PAUSED until the first frame arrives.
+    // Sets the pipeline PLAYING, as an application does; until its first
+    // frame arrives the source stays in READY to PAUSED.
     void start();
-    // True once the start thread's state change has returned.
-    bool started(std::chrono::milliseconds wait) const;
-    GstStateChangeReturn startResult();
+    GstStateChangeReturn startResult() const { return startResult_; }
     // True while the source is inside READY to PAUSED.
     bool waitingForFirstFrame() const;
     bool pull(Received &out, std::chrono::milliseconds timeout);
     bool eos() const;
-    // Unlocks a source that waits for data, as a flush does.
-    bool unlockSource();
     GstStateChangeReturn stop();
-    GstElement *source() const { return source_; }
+    GstElement *pipeline() const { return pipeline_; }
 
   private:
     GstElement *pipeline_ = nullptr;
     GstElement *source_ = nullptr;
     GstElement *appsink_ = nullptr;
-    std::shared_future<GstStateChangeReturn> startFuture_;
-    bool stopped_ = false;
+    GstStateChangeReturn startResult_ = GST_STATE_CHANGE_FAILURE;
+    bool stopped_ = true;
 };
 
 // Environment for a child pipeline process: the build plug-ins, a registry of
@@ -83,6 +78,8 @@ struct PublisherRun {
     std::string taggroups = srcexpect::kAllGroupsWithVideo;
     std::string contextId;
     std::string encoder; // e.g. "jpegenc": publishes encoded pictures
+    int width = 320;
+    int height = 240;
 };
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
 

@@ -28,6 +28,29 @@ void initGst() {
 }
 
 namespace {
+// Picture of a raw video buffer as B,G,R, converted by GStreamer itself:
+// OpenCV converts 4:2:0 pictures of even size only.
+cv::Mat toBgrByGStreamer(GstBuffer *buffer, GstCaps *caps) {
+    GstSample *sample = gst_sample_new(buffer, caps, nullptr, nullptr);
+    GstCaps *bgrCaps = gst_caps_from_string("video/x-raw,format=BGR");
+    GstSample *converted = gst_video_convert_sample(sample, bgrCaps, 10 * GST_SECOND, nullptr);
+    gst_caps_unref(bgrCaps);
+    gst_sample_unref(sample);
+    if (converted == nullptr) return {};
+    GstVideoInfo info;
+    GstVideoFrame frame;
+    cv::Mat bgr;
+    if (gst_video_info_from_caps(&info, gst_sample_get_caps(converted)) &&
+        gst_video_frame_map(&frame, &info, gst_sample_get_buffer(converted), GST_MAP_READ)) {
+        bgr = cv::Mat(info.height, info.width, CV_8UC3, GST_VIDEO_FRAME_PLANE_DATA(&frame, 0),
+                      GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0))
+                  .clone();
+        gst_video_frame_unmap(&frame);
+    }
+    gst_sample_unref(converted);
+    return bgr;
+}
+
 // Copies a plane row by row into a packed matrix region.
 void copyRows(guint8 *dst, const GstVideoFrame &frame, int plane, int rows, int rowBytes) {
     const auto *src = static_cast<const guint8 *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
@@ -40,6 +63,7 @@ void copyRows(guint8 *dst, const GstVideoFrame &frame, int plane, int rows, int 
 cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps) {
     GstVideoInfo info;
     if (!gst_video_info_from_caps(&info, caps)) return {};
+    if ((GST_VIDEO_INFO_WIDTH(&info) | GST_VIDEO_INFO_HEIGHT(&info)) & 1) return toBgrByGStreamer(buffer, caps);
     GstVideoFrame frame;
     if (!gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) return {};
     const int w = GST_VIDEO_INFO_WIDTH(&info);
@@ -107,17 +131,9 @@ Subscriber::~Subscriber() {
 }
 
 void Subscriber::start() {
-    GstElement *pipeline = pipeline_;
-    startFuture_ = std::async(std::launch::async, [pipeline] {
-                       return gst_element_set_state(pipeline, GST_STATE_PLAYING);
-                   }).share();
+    stopped_ = false;
+    startResult_ = gst_element_set_state(pipeline_, GST_STATE_PLAYING);
 }
-
-bool Subscriber::started(std::chrono::milliseconds wait) const {
-    return startFuture_.valid() && startFuture_.wait_for(wait) == std::future_status::ready;
-}
-
-GstStateChangeReturn Subscriber::startResult() { return startFuture_.get(); }
 
 bool Subscriber::waitingForFirstFrame() const {
     GST_OBJECT_LOCK(source_);
@@ -127,11 +143,6 @@ bool Subscriber::waitingForFirstFrame() const {
 }
 
 bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
-    // Before PAUSED the appsink returns at once; wait like a pull would.
-    if (!started(0ms)) {
-        std::this_thread::sleep_for(timeout);
-        return false;
-    }
     GstSample *sample =
         gst_app_sink_try_pull_sample(GST_APP_SINK(appsink_), static_cast<GstClockTime>(timeout.count()) * GST_MSECOND);
     if (sample == nullptr) return false;
@@ -153,22 +164,9 @@ bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
 
 bool Subscriber::eos() const { return gst_app_sink_is_eos(GST_APP_SINK(appsink_)); }
 
-bool Subscriber::unlockSource() {
-    // What the base class does when it flushes. While the source waits inside
-    // READY to PAUSED its pad is still inactive and refuses flush events, and
-    // the element's state lock is held, so this is the only way in.
-    GstBaseSrcClass *klass = GST_BASE_SRC_GET_CLASS(source_);
-    return klass->unlock != nullptr && klass->unlock(GST_BASE_SRC(source_));
-}
-
 GstStateChangeReturn Subscriber::stop() {
     if (stopped_) return GST_STATE_CHANGE_SUCCESS;
     stopped_ = true;
-    // A source still waiting for its first frame holds the state lock: unlock it first.
-    if (startFuture_.valid() && !started(0ms)) {
-        unlockSource();
-        startFuture_.wait_for(30s);
-    }
     return gst_element_set_state(pipeline_, GST_STATE_NULL);
 }
 
@@ -216,7 +214,8 @@ std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publ
 std::string sourceOf(const PublisherRun &run) {
     return "videotestsrc num-buffers=" + std::to_string(run.frames) +
            " pattern=smpte horizontal-speed=8 ! video/x-raw,format=" + run.format +
-           ",width=320,height=240,framerate=30/1" + (run.encoder.empty() ? "" : " ! " + run.encoder);
+           ",width=" + std::to_string(run.width) + ",height=" + std::to_string(run.height) + ",framerate=30/1" +
+           (run.encoder.empty() ? "" : " ! " + run.encoder);
 }
 
 namespace {

@@ -1,6 +1,8 @@
 // Pixel converters: strided planes in, the same pictures OpenCV makes from
 // packed input out; encoders round trip within a stated tolerance.
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -122,4 +124,89 @@ TEST(RecordsConvert, Nv12EncoderReadsBgrAndPacksChromaWithoutStride) {
     RGB8882YUVNV12(blue, y.data(), uv.data(), strideY);
     EXPECT_GT(uv[0], 200);
     EXPECT_LT(uv[1], 128);
+}
+
+// Odd sizes (the caps allow any size from 1), with padded strides: decoding
+// gives the whole picture and, on its even part, exactly OpenCV's picture of
+// that part; the frame writers fill every plane of an odd frame as video
+// frames lay it out ((w+1)/2 x (h+1)/2 chroma), never past a row's padding,
+// and the picture comes back. Before, cvtColor threw on every odd size.
+TEST(RecordsConvert, OddSizesConvertBothWays) {
+    struct Case {
+        bool nv12;
+        int width;
+        int height;
+    };
+    for (const Case c : {Case{false, 321, 241}, Case{true, 321, 241}, Case{false, 320, 241}, Case{true, 321, 240},
+                         Case{false, 1, 1}}) {
+        SCOPED_TRACE(std::string(c.nv12 ? "NV12 " : "I420 ") + std::to_string(c.width) + "x" +
+                     std::to_string(c.height));
+        const int cw = (c.width + 1) / 2;
+        const int ch = (c.height + 1) / 2;
+        const int strideY = c.width + 7;
+        const int strideC = (c.nv12 ? 2 * cw : cw) + 5;
+        cv::Mat planes(c.height + 2 * ch, std::max(strideY, 2 * strideC), CV_8UC1);
+        cv::RNG(3).fill(planes, cv::RNG::UNIFORM, 16, 240);
+        unsigned char *y = planes.ptr(0);
+        unsigned char *u = planes.ptr(c.height);
+        unsigned char *v = planes.ptr(c.height + ch);
+
+        const cv::Mat bgr = c.nv12 ? YUVNV122BGR888(c.width, c.height, y, u, strideY, strideC)
+                                   : YUV420p2BGR888(c.width, c.height, y, u, v, strideY, strideC);
+        ASSERT_EQ(bgr.size(), cv::Size(c.width, c.height));
+        const int ew = c.width & ~1;
+        const int eh = c.height & ~1;
+        if (ew > 0 && eh > 0) {
+            cv::Mat even(eh + eh / 2, ew, CV_8UC1);
+            for (int r = 0; r < eh; ++r)
+                std::copy(y + r * strideY, y + r * strideY + ew, even.ptr(r));
+            for (int r = 0; r < eh / 2; ++r) {
+                if (c.nv12) {
+                    std::copy(u + r * strideC, u + r * strideC + ew, even.ptr(eh + r));
+                } else {
+                    std::copy(u + r * strideC, u + r * strideC + ew / 2, even.ptr(eh) + r * (ew / 2));
+                    std::copy(v + r * strideC, v + r * strideC + ew / 2, even.ptr(eh) + (eh / 2 + r) * (ew / 2));
+                }
+            }
+            cv::Mat expected;
+            cv::cvtColor(even, expected, c.nv12 ? cv::COLOR_YUV2BGR_NV12 : cv::COLOR_YUV2BGR_I420);
+            EXPECT_EQ(maxDiff(bgr(cv::Rect(0, 0, ew, eh)), expected), 0);
+        }
+
+        // Back into a frame whose plane rows carry guard bytes after their padding.
+        const cv::Mat picture = smoothImage()(cv::Rect(0, 0, std::min(c.width, kWidth), std::min(c.height, kHeight)));
+        cv::Mat source;
+        cv::resize(picture, source, cv::Size(c.width, c.height));
+        // Written over two different fills: what the writer covers agrees, the rest keeps its fill.
+        cv::Mat first;
+        for (const unsigned char fill : {0x00, 0xFF}) {
+            planes.setTo(fill);
+            if (c.nv12)
+                writeNV12Frame(source, c.width, c.height, y, strideY, u, strideC);
+            else
+                writeI420Frame(source, c.width, c.height, y, strideY, u, strideC, v, strideC);
+            if (first.empty()) first = planes.clone();
+        }
+        const int chromaBytes = c.nv12 ? 2 * cw : cw;
+        auto covered = [&](const unsigned char *row, int bytes, int stride) {
+            const long at = row - planes.data;
+            for (int i = 0; i < stride; ++i) {
+                const bool same = first.data[at + i] == planes.data[at + i];
+                if (same != (i < bytes)) return false;
+            }
+            return true;
+        };
+        for (int r = 0; r < c.height; ++r)
+            ASSERT_TRUE(covered(y + r * strideY, c.width, strideY)) << "Y row " << r;
+        for (int r = 0; r < ch; ++r) {
+            ASSERT_TRUE(covered(u + r * strideC, chromaBytes, strideC)) << "chroma row " << r;
+            if (!c.nv12) ASSERT_TRUE(covered(v + r * strideC, cw, strideC)) << "V row " << r;
+        }
+        const cv::Mat back = c.nv12 ? YUVNV122BGR888(c.width, c.height, y, u, strideY, strideC)
+                                    : YUV420p2BGR888(c.width, c.height, y, u, v, strideY, strideC);
+        cv::Mat expected = source;
+        if (!c.nv12) cv::cvtColor(source, expected, cv::COLOR_RGB2BGR); // the I420 writer reads R,G,B
+        if (ew > 0 && eh > 0)
+            EXPECT_LE(maxDiff(back(cv::Rect(0, 0, ew, eh)), expected(cv::Rect(0, 0, ew, eh))), kRoundTripTolerance);
+    }
 }

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "marlet/marlet.h"
+#include "report.h"
 
 namespace com::quorixtech::marlet {
 
@@ -115,13 +116,7 @@ std::vector<PortDefinition> readPorts(const Object &o, const char *key) {
     return ports;
 }
 
-} // namespace
-
-void JSonTagGroupRegistry::registerTagGroupsFromURI(const std::string &uri) {
-    registerTagGroupsFromString(readFile(uri, "tag group"), uri);
-}
-
-void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string &text, const std::string &origin) {
+std::vector<TagGroupDefinition> readTagGroups(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     // Validate the whole file before registering any of it.
     std::vector<TagGroupDefinition> read;
@@ -131,14 +126,10 @@ void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string &text, 
     for (std::size_t i = 0; i < groups.size(); ++i) {
         read.push_back(readTagGroup(top.child(groups[i], "tagGroups[" + std::to_string(i) + "]")));
     }
-    tagGroups_.insert(tagGroups_.end(), read.begin(), read.end());
+    return read;
 }
 
-void JSonThingClassRegistry::registerThingClassesFromURI(const std::string &uri) {
-    registerThingClassesFromString(readFile(uri, "thing class"), uri);
-}
-
-void JSonThingClassRegistry::registerThingClassesFromString(const std::string &text, const std::string &origin) {
+ThingClassDefinition readThingClass(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     const Object o(doc, origin, "the document");
     ThingClassDefinition def;
@@ -148,14 +139,40 @@ void JSonThingClassRegistry::registerThingClassesFromString(const std::string &t
     def.description = o.string("description", "");
     def.inputs = readPorts(o, "inputs");
     def.outputs = readPorts(o, "outputs");
-    thingClasses_.push_back(std::move(def));
+    return def;
+}
+
+} // namespace
+
+void JSonTagGroupRegistry::registerTagGroupsFromURI(const std::string &uri) {
+    const auto read = detail::reportingFailures([&] { return readTagGroups(readFile(uri, "tag group"), uri); });
+    tagGroups_.insert(tagGroups_.end(), read.begin(), read.end());
+}
+
+void JSonTagGroupRegistry::registerTagGroupsFromString(const std::string &text, const std::string &origin) {
+    const auto read = detail::reportingFailures([&] { return readTagGroups(text, origin); });
+    tagGroups_.insert(tagGroups_.end(), read.begin(), read.end());
+}
+
+void JSonThingClassRegistry::registerThingClassesFromURI(const std::string &uri) {
+    thingClasses_.push_back(
+        detail::reportingFailures([&] { return readThingClass(readFile(uri, "thing class"), uri); }));
+}
+
+void JSonThingClassRegistry::registerThingClassesFromString(const std::string &text, const std::string &origin) {
+    thingClasses_.push_back(detail::reportingFailures([&] { return readThingClass(text, origin); }));
 }
 
 void JSonThingProperties::readPropertiesFromURI(const std::string &uri) {
-    readPropertiesFromString(readFile(uri, "thing properties"), uri);
+    const std::string text = detail::reportingFailures([&] { return readFile(uri, "thing properties"); });
+    readPropertiesFromString(text, uri);
 }
 
 void JSonThingProperties::readPropertiesFromString(const std::string &text, const std::string &origin) {
+    detail::reportingFailures([&] { readProperties(text, origin); });
+}
+
+void JSonThingProperties::readProperties(const std::string &text, const std::string &origin) {
     const json doc = parse(text, origin);
     const Object o(doc, origin, "the document");
     std::string id = o.string("thingId");

@@ -4,6 +4,8 @@
 #include <regex>
 #include <sstream>
 
+#include "config_check.h"
+#include "report.h"
 #include "state.h"
 
 namespace com::quorixtech::marlet {
@@ -35,28 +37,6 @@ std::string readConfig(const std::string &path) {
     text << in.rdbuf();
     if (!in && !in.eof()) throw ConfigError("cannot read bus configuration file \"" + path + "\"");
     return text.str();
-}
-
-// The Id attribute of <Domain>; "any" or no attribute means domain 0.
-int domainIdOf(const std::string &xml, const std::string &path) {
-    static const std::regex domainTag(R"(<\s*Domain\b([^>]*)>)", std::regex::icase);
-    static const std::regex idAttr(R"(\bId\s*=\s*["']([^"']*)["'])", std::regex::icase);
-    std::smatch tag;
-    if (!std::regex_search(xml, tag, domainTag)) return 0;
-    const std::string attrs = tag[1].str();
-    std::smatch id;
-    if (!std::regex_search(attrs, id, idAttr)) return 0;
-    const std::string value = id[1].str();
-    if (value == "any" || value == "ANY" || value == "Any") return 0;
-    try {
-        std::size_t used = 0;
-        const int n = std::stoi(value, &used);
-        if (used != value.size() || n < 0 || n > 232) throw std::out_of_range(value);
-        return n;
-    } catch (const std::exception &) {
-        throw ConfigError("bus configuration file \"" + path + "\": Domain Id \"" + value +
-                          "\" is not a number from 0 to 232 or \"any\"");
-    }
 }
 
 std::shared_ptr<detail::DomainHandle> domainFor(int id, const std::string &xml) {
@@ -143,6 +123,10 @@ std::int64_t nowNs() {
 } // namespace detail
 
 Marlet Marlet::getInstance(const std::string &args) {
+    return detail::reportingFailures([&] { return openInstance(args); });
+}
+
+Marlet Marlet::openInstance(const std::string &args) {
     if (args.compare(0, std::char_traits<char>::length(kConfigPrefix), kConfigPrefix) != 0) {
         throw ConfigError("Marlet::getInstance expects \"config=<file URI>\", got \"" + args + "\"");
     }
@@ -156,7 +140,7 @@ Marlet Marlet::getInstance(const std::string &args) {
     }
 
     const std::string xml = readConfig(path);
-    const int id = domainIdOf(xml, path);
+    const int id = detail::checkedDomainId(xml, path);
     auto state = std::make_shared<detail::ParticipantState>();
     state->configPath = path;
     state->domain = domainFor(id, xml);

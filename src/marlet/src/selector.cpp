@@ -14,6 +14,7 @@ namespace com::quorixtech::marlet {
 namespace detail {
 
 void SelectorState::closeReader() {
+    wakeWaitset = 0;
     waitset.reset();
     reader.reset();
     subscriber.reset();
@@ -45,6 +46,9 @@ void openReader(detail::SelectorState &s) {
         detail::check(dds_create_readcondition(s.reader.get(), DDS_ANY_STATE), "dds_create_readcondition");
     s.waitset = detail::Entity(dds_create_waitset(participant), "dds_create_waitset");
     detail::check(dds_waitset_attach(s.waitset.get(), condition, 0), "dds_waitset_attach");
+    // Attached to itself, the waitset wakes its waiter when wakeReaders sets its trigger.
+    detail::check(dds_waitset_attach(s.waitset.get(), s.waitset.get(), 0), "dds_waitset_attach");
+    s.wakeWaitset = s.waitset.get();
     s.readerFlow = s.flow;
 }
 
@@ -136,7 +140,25 @@ Thing::Selector Thing::select(const std::string &input) {
     selector.state_->thing = state_;
     selector.state_->input = input;
     selector.state_->tagGroup = state_->resolve(state_->inputs, input);
+    {
+        std::lock_guard<std::mutex> lock(state_->selectorsMutex);
+        auto &known = state_->selectors;
+        known.erase(std::remove_if(known.begin(), known.end(), [](const auto &w) { return w.expired(); }), known.end());
+        known.push_back(selector.state_);
+    }
     return selector;
+}
+
+void Thing::wakeReaders() {
+    if (!state_) return;
+    std::lock_guard<std::mutex> lock(state_->selectorsMutex);
+    for (const auto &weak : state_->selectors) {
+        auto selector = weak.lock();
+        if (!selector) continue;
+        selector->woken = true;
+        // A handle deleted meanwhile only makes this call fail; handles are not pointers.
+        if (const dds_entity_t waitset = selector->wakeWaitset.load()) dds_waitset_set_trigger(waitset, true);
+    }
 }
 
 Thing::Selector &Thing::Selector::flow(const std::string &flowId) {
@@ -184,6 +206,10 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
 
     const auto deadline = Clock::now() + timeout;
     for (;;) {
+        if (s.woken.exchange(false)) {
+            dds_waitset_set_trigger(s.waitset.get(), false);
+            return {};
+        }
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now());
         const dds_duration_t wait = left.count() > 0 ? static_cast<dds_duration_t>(left.count()) : 0;
         const dds_return_t triggered =

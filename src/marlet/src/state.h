@@ -4,6 +4,7 @@
 // selector keeps its thing alive, so DDS entities are always deleted children
 // before parents.
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -71,6 +72,10 @@ struct ThingState {
     Entity publisher;
     std::map<std::string, std::shared_ptr<WriterSlot>> writers;
 
+    // The selectors made on this thing, so that wakeReaders can reach readers blocked in a read.
+    std::mutex selectorsMutex;
+    std::vector<std::weak_ptr<SelectorState>> selectors;
+
     ~ThingState();
     std::string userData() const;
     // The tag group behind an output or input name; falls back to a registered
@@ -94,6 +99,11 @@ struct SelectorState {
     Entity reader;
     Entity waitset;
     std::string readerFlow;
+    // Set by Thing::wakeReaders from another thread: the read in progress (or
+    // the next one) returns at once. The waitset handle is kept apart from
+    // the entity so that the waking thread never touches the entity itself.
+    std::atomic<bool> woken{false};
+    std::atomic<dds_entity_t> wakeWaitset{0};
 
     // Samples taken from DDS but not yet returned, in arrival order; a sample
     // that did not decode is kept as its error so it is reported in its place.

@@ -2,6 +2,7 @@
 
 #include "bus_qos.h"
 #include "marlet/pair_codec.h"
+#include "report.h"
 #include "state.h"
 
 namespace com::quorixtech::marlet {
@@ -66,10 +67,16 @@ std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState &thing, const s
 } // namespace
 
 Thing Marlet::createThing(const ThingProperties &properties) {
+    return detail::reportingFailures([&] { return makeThing(properties); });
+}
+
+Thing Marlet::makeThing(const ThingProperties &properties) {
     if (!state_) throw MarletError("createThing on a closed Marlet handle");
     if (!properties.valid()) throw MarletError("cannot create a thing from properties without thingId and thingClass");
     auto thingClass = state_->thingClass(properties.thingClass());
-    if (!thingClass) throw MarletError("thing class " + properties.thingClass() + " is not registered");
+    if (!thingClass)
+        throw MarletError("createThing(" + properties.thingId() + "): thing class " + properties.thingClass() +
+                          " is not registered (its definition did not load, or the properties are of another class)");
 
     auto thing = std::make_shared<detail::ThingState>();
     thing->participant = state_;
@@ -92,6 +99,14 @@ Thing Marlet::createThing(const ThingProperties &properties) {
 
 std::string Thing::getId() const { return state_ ? state_->id : std::string(); }
 
+bool Thing::hasOutput(const std::string &output) const {
+    return state_ && state_->resolve(state_->outputs, output).has_value();
+}
+
+bool Thing::hasInput(const std::string &input) const {
+    return state_ && state_->resolve(state_->inputs, input).has_value();
+}
+
 std::string Thing::getContextId() const { return state_ ? state_->contextId : std::string(); }
 
 namespace {
@@ -100,8 +115,8 @@ namespace {
 void reportDroppedWrite(const detail::WriterSlot &slot) {
     if (slot.dropped == 1 || slot.dropped % 100 == 0)
         std::cerr << "marlet: a reader of " << slot.tagGroup.topic
-                  << " is not keeping up; write timed out and the sample was dropped (" << slot.dropped
-                  << " so far)" << std::endl;
+                  << " is not keeping up; write timed out and the sample was dropped (" << slot.dropped << " so far)"
+                  << std::endl;
 }
 } // namespace
 

@@ -5,13 +5,15 @@
 // --meta attaches the batch metadata of sink_meta_plan.h to every frame on
 // its way into the sink; --src-meta the one of src_expected.h, under stream
 // id STREAM, numbering frames from 0; --retag sets taggroups after the session
-// is open; --settle-ms waits N ms in READY; --cycle goes READY -> NULL ->
-// READY -> NULL and exits without streaming.
+// is open; --settle-ms waits N ms in READY (and again in READY after a
+// restart); --restart-after N takes the pipeline to NULL and back to PLAYING
+// once N frames reached the sink.
 // Exit: 0 on EOS, 2 on a pipeline error, 3 when the state change to READY fails.
 
 #include <gst/gst.h>
 #include <gst/video/video.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -27,13 +29,15 @@ namespace {
 struct Plan {
     bool sinkPlan = false;
     std::string srcStream; // non-empty: the qxedgesrc tests' plan
-    int count = 0;
+    std::atomic<int> count{0};
 };
 
 GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) {
     auto *plan = static_cast<Plan *>(data);
     GstBuffer *buffer = gst_pad_probe_info_get_buffer(info);
     if (buffer == nullptr) return GST_PAD_PROBE_OK;
+    const int number = plan->count++;
+    if (!plan->sinkPlan && plan->srcStream.empty()) return GST_PAD_PROBE_OK;
     buffer = gst_buffer_make_writable(buffer);
     GST_PAD_PROBE_INFO_DATA(info) = buffer;
     int width = 0;
@@ -48,7 +52,7 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) 
     if (plan->sinkPlan) {
         sinkplan::fill(batch, GST_BUFFER_OFFSET(buffer), width, height);
     } else {
-        batch->frames.push_back(srcexpect::frame(plan->count++, plan->srcStream, width, height));
+        batch->frames.push_back(srcexpect::frame(number, plan->srcStream, width, height));
         batch->devices.push_back(srcexpect::device());
     }
     return GST_PAD_PROBE_OK;
@@ -65,7 +69,7 @@ int main(int argc, char **argv) {
     Plan plan;
     int settleMs = 0;
     std::string retag;
-    bool cycle = false;
+    int restartAfter = 0;
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--meta") {
@@ -76,8 +80,8 @@ int main(int argc, char **argv) {
             settleMs = std::atoi(argv[++i]);
         } else if (arg == "--retag" && i + 1 < argc) {
             retag = argv[++i];
-        } else if (arg == "--cycle") {
-            cycle = true;
+        } else if (arg == "--restart-after" && i + 1 < argc) {
+            restartAfter = std::atoi(argv[++i]);
         }
     }
     GError *error = nullptr;
@@ -91,7 +95,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "no element named sink\n");
         return 64;
     }
-    if (plan.sinkPlan || !plan.srcStream.empty()) {
+    {
         GstPad *pad = gst_element_get_static_pad(sink, "sink");
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, &plan, nullptr);
         gst_object_unref(pad);
@@ -101,23 +105,28 @@ int main(int argc, char **argv) {
         std::fflush(stdout);
         return 3;
     }
-    if (cycle) {
-        // Close and open again without streaming, then stop.
-        const bool closed = gst_element_set_state(pipeline, GST_STATE_NULL) != GST_STATE_CHANGE_FAILURE;
-        const bool reopened = gst_element_set_state(pipeline, GST_STATE_READY) != GST_STATE_CHANGE_FAILURE;
-        std::printf("%s\n", closed && reopened ? "REOPENED" : "CYCLE FAILED");
-        std::fflush(stdout);
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        gst_object_unref(sink);
-        gst_object_unref(pipeline);
-        return closed && reopened ? 0 : 3;
-    }
     if (!retag.empty()) g_object_set(sink, "taggroups", retag.c_str(), nullptr);
     // The sink creates its writers on the way to READY; a subscriber started
     // earlier matches them during this wait, so the first frames and their
     // results are not written into an unmatched bus.
     std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    if (restartAfter > 0) {
+        // Stop and start again with frames flowing, as an application does.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (plan.count < restartAfter && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
+            std::printf("REOPEN FAILED\n");
+            std::fflush(stdout);
+            return 3;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
+        gst_element_set_state(pipeline, GST_STATE_PLAYING);
+        std::printf("RESTARTED\n");
+        std::fflush(stdout);
+    }
     GstBus *bus = gst_element_get_bus(pipeline);
     GstMessage *message = gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND,
                                                      static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));

@@ -30,29 +30,29 @@ using iot::IOT_VALUE;
 
 // Every failure of the library is one of these; the message says what failed.
 class MarletError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // A configuration or definition file that is missing or malformed.
 class ConfigError : public MarletError {
-public:
+  public:
     using MarletError::MarletError;
 };
 
 // A DDS call that returned an error; the message names the call and dds_strretcode.
 class DdsError : public MarletError {
-public:
-    DdsError(const std::string& call, int retcode);
+  public:
+    DdsError(const std::string &call, int retcode);
     int retcode() const { return retcode_; }
 
-private:
+  private:
     int retcode_;
 };
 
 // Bytes from the network that do not decode as a pair tree.
 class DecodeError : public MarletError {
-public:
+  public:
     using MarletError::MarletError;
 };
 
@@ -67,7 +67,7 @@ struct TagGroupDefinition {
     std::string nameSpace; // e.g. "com.vision.data"
     std::string name;      // e.g. "VideoFrameData"
     std::string version;
-    std::string topic;     // DDS topic name
+    std::string topic; // DDS topic name
     std::string description;
     std::vector<FieldDefinition> fields;
     std::string qualifiedName() const { return nameSpace + ":" + name; }
@@ -89,48 +89,48 @@ struct ThingClassDefinition {
 };
 
 class TagGroupRegistry {
-public:
+  public:
     virtual ~TagGroupRegistry() = default;
-    const std::vector<TagGroupDefinition>& tagGroups() const { return tagGroups_; }
+    const std::vector<TagGroupDefinition> &tagGroups() const { return tagGroups_; }
 
-protected:
+  protected:
     std::vector<TagGroupDefinition> tagGroups_;
 };
 
 class JSonTagGroupRegistry : public TagGroupRegistry {
-public:
+  public:
     JSonTagGroupRegistry() = default;
     // Reads every tag group of one JSON file ("file://" URI). Throws ConfigError.
-    void registerTagGroupsFromURI(const std::string& uri);
-    void registerTagGroupsFromString(const std::string& json, const std::string& origin = "<string>");
+    void registerTagGroupsFromURI(const std::string &uri);
+    void registerTagGroupsFromString(const std::string &json, const std::string &origin = "<string>");
 };
 
 class ThingClassRegistry {
-public:
+  public:
     virtual ~ThingClassRegistry() = default;
-    const std::vector<ThingClassDefinition>& thingClasses() const { return thingClasses_; }
+    const std::vector<ThingClassDefinition> &thingClasses() const { return thingClasses_; }
 
-protected:
+  protected:
     std::vector<ThingClassDefinition> thingClasses_;
 };
 
 class JSonThingClassRegistry : public ThingClassRegistry {
-public:
+  public:
     JSonThingClassRegistry() = default;
-    void registerThingClassesFromURI(const std::string& uri);
-    void registerThingClassesFromString(const std::string& json, const std::string& origin = "<string>");
+    void registerThingClassesFromURI(const std::string &uri);
+    void registerThingClassesFromString(const std::string &json, const std::string &origin = "<string>");
 };
 
 class ThingProperties {
-public:
+  public:
     virtual ~ThingProperties() = default;
-    const std::string& thingId() const { return thingId_; }
-    const std::string& thingClass() const { return thingClass_; }
-    const std::string& contextId() const { return contextId_; }
-    const std::string& name() const { return name_; }
+    const std::string &thingId() const { return thingId_; }
+    const std::string &thingClass() const { return thingClass_; }
+    const std::string &contextId() const { return contextId_; }
+    const std::string &name() const { return name_; }
     bool valid() const { return !thingId_.empty() && !thingClass_.empty(); }
 
-protected:
+  protected:
     std::string thingId_;
     std::string thingClass_;
     std::string contextId_;
@@ -138,32 +138,35 @@ protected:
 };
 
 class JSonThingProperties : public ThingProperties {
-public:
+  public:
     JSonThingProperties() = default;
-    void readPropertiesFromURI(const std::string& uri);
-    void readPropertiesFromString(const std::string& json, const std::string& origin = "<string>");
+    void readPropertiesFromURI(const std::string &uri);
+    void readPropertiesFromString(const std::string &json, const std::string &origin = "<string>");
+
+  private:
+    void readProperties(const std::string &json, const std::string &origin);
 };
 
 // ---- samples, things, selectors ------------------------------------------
 
 template <typename T> class DataSample {
-public:
+  public:
     DataSample() = default;
     DataSample(T data, std::string sourceId, std::string flowId, std::string tagGroup, std::uint64_t sequence,
                std::int64_t sourceTimeNs)
         : data_(std::move(data)), sourceId_(std::move(sourceId)), flowId_(std::move(flowId)),
           tagGroup_(std::move(tagGroup)), sequence_(sequence), sourceTimeNs_(sourceTimeNs) {}
 
-    const T& getData() const { return data_; }
-    T& getData() { return data_; }
-    const std::string& getSourceId() const { return sourceId_; }
-    const std::string& getFlowId() const { return flowId_; }
-    const std::string& getTagGroup() const { return tagGroup_; }
+    const T &getData() const { return data_; }
+    T &getData() { return data_; }
+    const std::string &getSourceId() const { return sourceId_; }
+    const std::string &getFlowId() const { return flowId_; }
+    const std::string &getTagGroup() const { return tagGroup_; }
     std::uint64_t getSequence() const { return sequence_; }
     // Nanoseconds since 1970 on the writer's clock, taken when it wrote the sample.
     std::int64_t getSourceTime() const { return sourceTimeNs_; }
 
-private:
+  private:
     T data_{};
     std::string sourceId_;
     std::string flowId_;
@@ -173,7 +176,7 @@ private:
 };
 
 class DiscoveredThing {
-public:
+  public:
     virtual ~DiscoveredThing() = default;
     virtual std::string getId() const = 0;
     virtual std::string getContextId() const = 0;
@@ -186,21 +189,21 @@ struct SelectorState;
 } // namespace detail
 
 class Thing : public DiscoveredThing {
-public:
+  public:
     class Selector {
-    public:
+      public:
         Selector() = default;
         // Narrows the selection to one flow (context id); an empty id selects every flow.
-        Selector& flow(const std::string& flowId);
+        Selector &flow(const std::string &flowId);
         // Largest number of samples one read returns (default 1, so that one bad
         // sample never costs the good ones around it).
-        Selector& batch(std::size_t maxSamples);
+        Selector &batch(std::size_t maxSamples);
         // Blocks up to timeout milliseconds for samples; returns an empty list
         // when none arrived. A sample whose bytes do not decode raises DecodeError
         // (the samples before it are returned first, by the previous call).
         template <typename T> std::vector<DataSample<T>> read(long timeoutMs);
 
-    private:
+      private:
         friend class Thing;
         std::vector<DataSample<std::vector<IOT_NVP>>> readPairs(long timeoutMs);
         std::shared_ptr<detail::SelectorState> state_;
@@ -210,27 +213,37 @@ public:
     std::string getId() const override;
     std::string getContextId() const override;
     bool valid() const { return static_cast<bool>(state_); }
+    // Whether write (select) can reach a tag group under this name: a port of
+    // the thing's class whose tag group is registered, or a registered tag
+    // group of that name.
+    bool hasOutput(const std::string &output) const;
+    bool hasInput(const std::string &input) const;
 
     // Publishes one sample on the named output. Throws MarletError.
-    template <typename T> void write(const std::string& output, const T& data);
+    template <typename T> void write(const std::string &output, const T &data);
     // Encoded in place: the payload is built once and handed to DDS. A write
     // that waits longer than the writer's blocking time for a reader that does
     // not acknowledge drops the sample (counted, reported on stderr) instead
     // of failing.
-    void writePairs(const std::string& output, const std::vector<IOT_NVP>& pairs);
+    void writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs);
     // Samples dropped so far because a reader did not keep up.
     std::uint64_t droppedWrites() const;
 
-    Selector select(const std::string& input);
+    Selector select(const std::string &input);
+    // Makes every read on this thing's selectors that is blocked now, or the
+    // next one on each, return at once with no samples: a reader loop that is
+    // told to stop then sees it without waiting out its read timeout.
+    void wakeReaders();
     // Idempotent.
     void close();
 
-private:
+  private:
     friend class Marlet;
     std::shared_ptr<detail::ThingState> state_;
 };
 
-template <> inline void Thing::write<std::vector<IOT_NVP>>(const std::string& output, const std::vector<IOT_NVP>& data) {
+template <>
+inline void Thing::write<std::vector<IOT_NVP>>(const std::string &output, const std::vector<IOT_NVP> &data) {
     writePairs(output, data);
 }
 
@@ -242,19 +255,19 @@ inline std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::read<std::
 // ---- listeners and dispatchers --------------------------------------------
 
 class BaseDataListener {
-public:
+  public:
     virtual ~BaseDataListener() = default;
-    virtual void onData(const DataSample<std::vector<IOT_NVP>>& sample) = 0;
+    virtual void onData(const DataSample<std::vector<IOT_NVP>> &sample) = 0;
 };
 
 class Dispatcher {
-public:
+  public:
     // Wakes every thread blocked in waitEvent.
     void throwEvent();
     // Returns true when an event was thrown since the last wait, false on timeout.
     bool waitEvent(std::chrono::milliseconds timeout);
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable cv_;
     std::uint64_t events_ = 0;
@@ -264,33 +277,35 @@ private:
 // ---- the participant ------------------------------------------------------
 
 class Marlet {
-public:
+  public:
     Marlet() = default;
     // args: "config=" followed by a "file://" URI of the bus configuration.
     // One participant per configuration file within a process: a second call
     // with the same configuration returns a handle to the same participant.
-    static Marlet getInstance(const std::string& args);
+    static Marlet getInstance(const std::string &args);
 
-    void addTagGroupRegistry(const TagGroupRegistry& registry);
-    void addThingClassRegistry(const ThingClassRegistry& registry);
-    Thing createThing(const ThingProperties& properties);
+    void addTagGroupRegistry(const TagGroupRegistry &registry);
+    void addThingClassRegistry(const ThingClassRegistry &registry);
+    Thing createThing(const ThingProperties &properties);
     // Releases this handle; the participant goes when its last handle does. Idempotent.
     void close();
 
     bool valid() const { return static_cast<bool>(state_); }
     int domainId() const;
 
-private:
+  private:
+    static Marlet openInstance(const std::string &args);
+    Thing makeThing(const ThingProperties &properties);
     std::shared_ptr<detail::ParticipantState> state_;
 };
 
 // Turns "file://path" into "path"; leaves other text alone.
-std::string uriToPath(const std::string& uri);
+std::string uriToPath(const std::string &uri);
 
 // The DDS topic name of a tag group's topic: '.' becomes '/' ("com.vision.data.X"
 // -> "com/vision/data/X"), other characters DDS does not allow become '_', and a
 // leading digit gets a '_' in front. Tools that watch the bus through DDS itself
 // find the library's topics by it.
-std::string ddsTopicName(const std::string& topic);
+std::string ddsTopicName(const std::string &topic);
 
 } // namespace com::quorixtech::marlet

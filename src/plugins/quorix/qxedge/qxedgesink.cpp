@@ -173,6 +173,14 @@ static gboolean qx_edgesink_setcaps(GstBaseSink *basesink, GstCaps *caps) {
 static gboolean qx_edgesink_open(QxEdgeSink *sink) {
     QxEdgeSinkPrivate *priv = sink->priv;
     if (priv->opened) {
+        // The element keeps its session across restarts; READY to NULL closed
+        // it, so a pipeline that is started again opens it again.
+        try {
+            if (priv->edge) priv->edge->reopen();
+        } catch (const std::exception &e) {
+            GST_ELEMENT_ERROR(sink, RESOURCE, OPEN_WRITE, ("Could not open the bus session again."), ("%s", e.what()));
+            return FALSE;
+        }
         return TRUE;
     }
     GST_INFO_OBJECT(sink, "Using VideoFrameInfo TagGroup as default taggroup");
@@ -194,6 +202,8 @@ static gboolean qx_edgesink_open(QxEdgeSink *sink) {
             GST_ERROR_OBJECT(sink, "no bus session: configuration files not found");
             return FALSE;
         }
+        // Frames (and the combined record) are written as "VideoFrameData".
+        priv->edge->requireMainPort("VideoFrameData", true);
         if (!priv->uni && !priv->taggroups.empty()) {
             ModelLoader::addThingOutByProp(priv->edge, priv->taggroups);
         }

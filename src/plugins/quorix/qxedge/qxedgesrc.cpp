@@ -49,12 +49,16 @@ static GstCaps *qx_edgesrc_fixate(GstBaseSrc *bsrc, GstCaps *caps);
 static gboolean qx_edgesrc_is_seekable(GstBaseSrc *bsrc);
 static gboolean qx_edgesrc_unlock(GstBaseSrc *bsrc);
 static gboolean qx_edgesrc_unlock_stop(GstBaseSrc *bsrc);
+static gboolean qx_edgesrc_negotiate(GstBaseSrc *bsrc);
+static gboolean qx_edgesrc_send_event(GstElement *element, GstEvent *event);
 static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer);
 
 bool qx_edgesrc_reading_stopped(QxEdgeSrc *src) {
     const auto &edge = src->priv->edge;
     return edge && edge->stopRequested.load();
 }
+
+bool qx_edgesrc_flushing(QxEdgeSrc *src) { return src->priv->flushing.load(); }
 
 static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
     GObjectClass *gobject_class = G_OBJECT_CLASS(klass);
@@ -84,11 +88,13 @@ static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
                                           "An QUORIX Kelpkit video source", "Quorix Edge Team <edge@quorix.example>");
 
     element_class->change_state = GST_DEBUG_FUNCPTR(qx_edgesrc_change_state);
+    element_class->send_event = GST_DEBUG_FUNCPTR(qx_edgesrc_send_event);
     basesrc_class->set_caps = GST_DEBUG_FUNCPTR(qx_edge_src_setcaps);
     basesrc_class->fixate = GST_DEBUG_FUNCPTR(qx_edgesrc_fixate);
     basesrc_class->is_seekable = GST_DEBUG_FUNCPTR(qx_edgesrc_is_seekable);
     basesrc_class->unlock = GST_DEBUG_FUNCPTR(qx_edgesrc_unlock);
     basesrc_class->unlock_stop = GST_DEBUG_FUNCPTR(qx_edgesrc_unlock_stop);
+    basesrc_class->negotiate = GST_DEBUG_FUNCPTR(qx_edgesrc_negotiate);
     pushsrc_class->fill = GST_DEBUG_FUNCPTR(qx_edge_src_fill);
 
     GST_INFO("qx_edgesrc_class_init ok.");
@@ -260,6 +266,7 @@ static bool edge_subscribe(QxEdgeSrc *src) {
             GST_ERROR_OBJECT(src, "edgesrc->priv->edge create VideoFrame failed in edge_subscribe.");
             return false;
         }
+        priv->edge->requireMainPort("VideoFrameData", false);
         GST_INFO_OBJECT(src, "edgesrc->priv->edge create VideoFrame Done.");
 
         // In combined mode the list holds only "uni" markers; the combined
@@ -280,28 +287,102 @@ static bool edge_subscribe(QxEdgeSrc *src) {
     return true;
 }
 
-// Blocks READY to PAUSED until the first frame arrived, reading stopped or
-// the source was told to unlock.
-static void waitForFirstFrame(QxEdgeSrc *src) {
+// Takes the size of the first frame received, once there is one, for fixate.
+static bool takeFirstFrameSize(QxEdgeSrc *src) {
     ReceiveImage &receiver = src->priv->ImageReceiver;
-    for (;;) {
-        if (qx_edgesrc_reading_stopped(src) || qx_edgesrc_terminate.load()) return;
-        std::this_thread::sleep_for(std::chrono::microseconds(5));
-        std::lock_guard<std::mutex> lock(qxedgesrc_mutex);
-        int width = 0;
-        int height = 0;
-        {
-            std::lock_guard<std::mutex> queueLock(m);
-            width = receiver.image.cols;
-            height = receiver.image.rows;
-        }
-        if (width != 0 && height != 0) {
-            src->width_to_set = width;
-            src->height_to_set = height;
-            GST_INFO_OBJECT(src, "size are going to be width_to_set = %d, height_to_set = %d", width, height);
-            return;
-        }
+    std::lock_guard<std::mutex> lock(qxedgesrc_mutex);
+    int width = 0;
+    int height = 0;
+    {
+        std::lock_guard<std::mutex> queueLock(m);
+        width = receiver.image.cols;
+        height = receiver.image.rows;
     }
+    if (width == 0 || height == 0) return false;
+    src->width_to_set = width;
+    src->height_to_set = height;
+    GST_INFO_OBJECT(src, "size are going to be width_to_set = %d, height_to_set = %d", width, height);
+    return true;
+}
+
+// Polls for the first frame until one arrived (true), or reading stopped or
+// this element was told to stop waiting (false).
+static bool waitForFirstFrame(QxEdgeSrc *src) {
+    for (;;) {
+        if (qx_edgesrc_reading_stopped(src) || qx_edgesrc_flushing(src)) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(5));
+        if (takeFirstFrameSize(src)) return true;
+    }
+}
+
+// Completes the READY to PAUSED that waited for the first frame, unless the
+// application changed the state since (then that change wins). Runs on a
+// thread of GStreamer's pool with the state lock, as any state change does.
+static void commitFirstFrame(GstElement *element, gpointer) {
+    QxEdgeSrc *src = QX_EDGESRC(element);
+    GST_STATE_LOCK(element);
+    GST_OBJECT_LOCK(element);
+    const bool stillWaiting = GST_STATE_RETURN(element) == GST_STATE_CHANGE_ASYNC &&
+                              GST_STATE(element) == GST_STATE_READY && GST_STATE_NEXT(element) == GST_STATE_PAUSED &&
+                              element->state_cookie == src->priv->waitingCookie;
+    GST_OBJECT_UNLOCK(element);
+    if (stillWaiting) {
+        GST_INFO_OBJECT(src, "first frame arrived: READY to PAUSED done");
+        gst_element_continue_state(element, GST_STATE_CHANGE_SUCCESS);
+        gst_element_post_message(element, gst_message_new_async_done(GST_OBJECT_CAST(element), GST_CLOCK_TIME_NONE));
+    }
+    GST_STATE_UNLOCK(element);
+}
+
+// Streaming starts with negotiation, and fixate needs the size of the first
+// frame: until it arrived, the streaming thread waits here, where a flush or
+// a stop can end the wait, rather than the application's thread inside the
+// state change.
+static gboolean qx_edgesrc_negotiate(GstBaseSrc *bsrc) {
+    QxEdgeSrc *src = QX_EDGESRC(bsrc);
+    if (src->priv->prerolling.load()) {
+        if (!waitForFirstFrame(src)) {
+            // A stop flushes and ends streaming here. End of stream asked for
+            // while waiting ends the stream without a frame: the change to
+            // PAUSED completes, and the base class sends the end of stream on,
+            // which prerolls the sinks as a frame would.
+            if (!src->priv->eosRequested.load()) return FALSE;
+            gst_element_call_async(GST_ELEMENT_CAST(src), commitFirstFrame, nullptr, nullptr);
+            return TRUE;
+        }
+        gst_element_call_async(GST_ELEMENT_CAST(src), commitFirstFrame, nullptr, nullptr);
+    }
+    return GST_BASE_SRC_CLASS(qx_edgesrc_parent_class)->negotiate(bsrc);
+}
+
+static gboolean qx_edgesrc_send_event(GstElement *element, GstEvent *event) {
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) QX_EDGESRC(element)->priv->eosRequested.store(true);
+    return GST_ELEMENT_CLASS(qx_edgesrc_parent_class)->send_event(element, event);
+}
+
+// Forgets what the last run received and negotiated: a restarted element
+// subscribes anew, waits for a new first frame and negotiates its size again.
+static void resetForRestart(QxEdgeSrc *src) {
+    QxEdgeSrcPrivate *priv = src->priv;
+    priv->ImageReceiver.synchronizer.Stop();
+    priv->ImageReceiver.reset();
+    priv->subscribed = false;
+    {
+        std::lock_guard<std::mutex> lock(qxedgesrc_mutex);
+        src->width_to_set = 0;
+        src->height_to_set = 0;
+    }
+    gst_video_info_init(&src->info);
+    src->n_frames = 0;
+    src->accum_frames = 0;
+    src->running_time = 0;
+    src->compressed = 0;
+    src->compressed_size = 0;
+}
+
+// Live again: the element is a live source except while its first frame prerolls the pipeline.
+static void endPreroll(QxEdgeSrc *src) {
+    if (src->priv->prerolling.exchange(false)) gst_base_src_set_live(GST_BASE_SRC(src), TRUE);
 }
 
 static GstStateChangeReturn qx_edgesrc_change_state(GstElement *element, GstStateChange transition) {
@@ -311,13 +392,33 @@ static GstStateChangeReturn qx_edgesrc_change_state(GstElement *element, GstStat
         GST_INFO_OBJECT(src, "NULL to READY");
         if (!edge_subscribe(src)) return GST_STATE_CHANGE_FAILURE;
         break;
-    case GST_STATE_CHANGE_READY_TO_PAUSED:
+    case GST_STATE_CHANGE_READY_TO_PAUSED: {
         qx_edgesrc_terminate.store(false);
         std::cout << "waiting for marlet data..." << std::endl;
-        waitForFirstFrame(src);
-        break;
+        if (takeFirstFrameSize(src)) break;
+        // No frame yet. The element does not reach PAUSED before one arrived,
+        // but the application's thread does not wait for it: the change
+        // completes asynchronously, as a sink's preroll does. The streaming
+        // thread waits for the frame (see negotiate) and sends it out while
+        // PAUSED, so that sinks downstream preroll on it.
+        src->priv->prerolling = true;
+        gst_base_src_set_live(GST_BASE_SRC(src), FALSE);
+        const GstStateChangeReturn ret = GST_ELEMENT_CLASS(qx_edgesrc_parent_class)->change_state(element, transition);
+        if (ret == GST_STATE_CHANGE_FAILURE) {
+            endPreroll(src);
+            return ret;
+        }
+        GST_OBJECT_LOCK(element);
+        src->priv->waitingCookie = element->state_cookie;
+        GST_OBJECT_UNLOCK(element);
+        gst_element_post_message(element, gst_message_new_async_start(GST_OBJECT_CAST(element)));
+        return GST_STATE_CHANGE_ASYNC;
+    }
     case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
         GST_INFO_OBJECT(src, "PAUSE to PLAYING");
+        // Sinks that do not preroll let the pipeline go on before the first
+        // buffer: the element is live from here whatever happened before.
+        endPreroll(src);
         break;
     case GST_STATE_CHANGE_PAUSED_TO_READY:
         qx_edgesrc_terminate.store(true);
@@ -328,7 +429,16 @@ static GstStateChangeReturn qx_edgesrc_change_state(GstElement *element, GstStat
     default:
         break;
     }
-    return GST_ELEMENT_CLASS(qx_edgesrc_parent_class)->change_state(element, transition);
+    const GstStateChangeReturn ret = GST_ELEMENT_CLASS(qx_edgesrc_parent_class)->change_state(element, transition);
+    if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
+        // Streaming has stopped (the base class joined it).
+        endPreroll(src);
+        src->priv->prerollFrameSent = false;
+        src->priv->eosRequested.store(false);
+    } else if (transition == GST_STATE_CHANGE_READY_TO_NULL) {
+        resetForRestart(src);
+    }
+    return ret;
 }
 
 static GstCaps *qx_edgesrc_fixate(GstBaseSrc *bsrc, GstCaps *caps) {
@@ -472,18 +582,25 @@ static gboolean qx_edgesrc_is_seekable(GstBaseSrc *) { return FALSE; }
 // thread waiting for bus data that may never come.
 static gboolean qx_edgesrc_unlock(GstBaseSrc *bsrc) {
     GST_DEBUG_OBJECT(bsrc, "unlock");
-    qx_edgesrc_terminate.store(true);
+    QX_EDGESRC(bsrc)->priv->flushing.store(true);
     return TRUE;
 }
 
 static gboolean qx_edgesrc_unlock_stop(GstBaseSrc *bsrc) {
     GST_DEBUG_OBJECT(bsrc, "unlock stop");
-    qx_edgesrc_terminate.store(false);
+    QX_EDGESRC(bsrc)->priv->flushing.store(false);
     return TRUE;
 }
 
 static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer) {
     QxEdgeSrc *src = QX_EDGESRC(psrc);
+    // The base class pushes a buffer after fill returns, and would hold the
+    // preroll frame back if the element were live already: it turns live
+    // once that frame is out, before the next one.
+    if (src->priv->prerollFrameSent) {
+        src->priv->prerollFrameSent = false;
+        endPreroll(src);
+    }
     GstMeta *meta = gst_buffer_add_meta(buffer, gst_qx_batch_meta_get_info(), nullptr);
     GST_DEBUG_OBJECT(src, "Added metadata into buffer.");
 
@@ -504,9 +621,23 @@ static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer) {
     GST_DEBUG_OBJECT(src, "Start to call edgesrc->receive_image.");
     if (!src->receive_image(src, &frame, meta, buffer)) {
         gst_video_frame_unmap(&frame);
+        // Nothing was received into this buffer, so it must not go out.
+        if (qx_edgesrc_flushing(src)) return GST_FLOW_FLUSHING;
+        if (qx_edgesrc_reading_stopped(src)) {
+            GST_ELEMENT_ERROR(src, RESOURCE, READ, ("The bus connection stopped reading."), (nullptr));
+            return GST_FLOW_ERROR;
+        }
         return GST_FLOW_NOT_NEGOTIATED;
     }
     gst_video_frame_unmap(&frame);
+    if (src->priv->prerolling.load()) {
+        // The preroll frame goes out before the pipeline has a clock: it
+        // starts the stream at time 0, the frames after it carry the clock's
+        // running time.
+        GST_BUFFER_PTS(buffer) = 0;
+        GST_BUFFER_DTS(buffer) = 0;
+        src->priv->prerollFrameSent = true;
+    }
 
     if (src->compressed == 1) {
         const cv::Mat &image = src->priv->image;

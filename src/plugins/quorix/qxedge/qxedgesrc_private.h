@@ -30,6 +30,20 @@ struct QxEdgeSrcPrivate {
     cv::Mat image;
     bool subscribed = false;
     bool uni = false;
+
+    // Set while the base class asks this element to stop waiting (flush,
+    // stop). Each element has its own: stopping one source never cuts short
+    // what another one in the same process waits for.
+    std::atomic<bool> flushing{false};
+    // True from a READY to PAUSED that found no frame yet until the first
+    // buffer is out. Meanwhile the element is not live, so that its first
+    // frame can preroll the sinks downstream; it is live again afterwards.
+    std::atomic<bool> prerolling{false};
+    bool prerollFrameSent = false; // streaming thread only
+    // State cookie of the READY to PAUSED that is waiting for the first frame.
+    guint32 waitingCookie = 0;
+    // The application asked for end of stream (gst-launch -e on Ctrl-C does).
+    std::atomic<bool> eosRequested{false};
 };
 
 typedef gboolean (*QxEdgeSrcReceiveFunc)(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer);
@@ -61,11 +75,13 @@ struct _QxEdgeSrc {
     guint compressed_size;
 };
 
-// Set when streaming must stop waiting for bus data: on PAUSED to READY and
-// when the base class asks the source to unlock (flushing). One flag for the
-// process, as every waiting loop of every source reads it; atomic because the
-// streaming thread reads it while the application thread writes it.
+// Set on PAUSED to READY and cleared on READY to PAUSED of any source. One
+// flag for the process; atomic because threads of several elements touch it.
+// The waiting loops of an element read only that element's own flags (see
+// QxEdgeSrcPrivate::flushing), so one element's stop never ends another's wait.
 extern std::atomic<bool> qx_edgesrc_terminate;
 
 // True when the bus connection has stopped its readers.
 bool qx_edgesrc_reading_stopped(QxEdgeSrc *src);
+// True while this element is asked to stop waiting for bus data.
+bool qx_edgesrc_flushing(QxEdgeSrc *src);

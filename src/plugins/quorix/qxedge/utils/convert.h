@@ -1,7 +1,8 @@
 #pragma once
 // Pixel-format conversion between YUV 4:2:0 planes and 3-channel 8-bit
 // images. Nothing is checked: callers guarantee that planes, strides and
-// destination buffers cover width x height (even sizes expected).
+// destination buffers cover width x height. Odd sizes are converted: the
+// last column or row takes the chroma of its neighbour.
 
 #include <opencv2/core.hpp>
 
@@ -25,3 +26,12 @@ void RGB8882YUVI420p(cv::Mat image, unsigned char *y, unsigned char *u, unsigned
 // Reads the image as B,G,R and writes NV12; the chroma pairs are written as one
 // packed run with no row stride.
 void RGB8882YUVNV12(cv::Mat image, unsigned char *y, unsigned char *uv, int &strideY);
+
+// Writes the image into the planes of a 4:2:0 video frame of any size, each
+// plane at its own stride, the chroma planes (width+1)/2 x (height+1)/2 as
+// video frames lay them out. The image is clipped to the frame. The channel
+// order read is that of the two encoders above: R,G,B for I420, B,G,R for NV12.
+void writeI420Frame(const cv::Mat &image, int frameWidth, int frameHeight, unsigned char *y, int strideY,
+                    unsigned char *u, int strideU, unsigned char *v, int strideV);
+void writeNV12Frame(const cv::Mat &image, int frameWidth, int frameHeight, unsigned char *y, int strideY,
+                    unsigned char *uv, int strideUV);

@@ -22,6 +22,7 @@ ResolvedFiles resolveUnderRoot(const std::vector<std::string> &files) {
     resolved.root = search_files(files);
     if (resolved.root.empty()) {
         std::cerr << "Can not find all edge configuration files" << std::endl;
+        std::cerr << Edge::describeMissing(files) << std::endl;
         return resolved;
     }
     // "Kelpkit" is the product name operators grep for in logs.
@@ -29,6 +30,13 @@ ResolvedFiles resolveUnderRoot(const std::vector<std::string> &files) {
     const std::string prefix = path_join({"file:/", resolved.root});
     resolved.uris = combine_paths(prefix, files);
     return resolved;
+}
+
+std::string listed(const std::vector<std::string> &files) {
+    std::string text;
+    for (const auto &file : files)
+        text += (text.empty() ? "" : ", ") + file;
+    return text;
 }
 
 // One second, resumed for the rest of it when a signal cuts it short.
@@ -68,6 +76,12 @@ std::shared_ptr<Edge> Edge::create(const std::string &configFile, const std::str
     std::vector<std::string> tagGroupUris(uris.begin(), uris.end() - 3);
     return std::make_shared<Edge>(std::move(configUri), std::move(propertiesUri), std::move(thingClassUri),
                                   std::move(tagGroupUris), std::move(edgeProperty));
+}
+
+std::string Edge::describeMissing(const std::vector<std::string> &files) {
+    const auto missing = missing_config_files(files);
+    if (missing.empty()) return "no configuration root holds all of " + listed(files) + " at once";
+    return "missing under every configuration root: " + listed(missing);
 }
 
 Edge::Edge(std::string configUri_, std::string thingPropertiesUri_, std::string thingClassUri_,
@@ -121,7 +135,7 @@ Edge::Thing Edge::createThing(const std::vector<std::string> &tagGroupUris_, con
         } else {
             std::string text = autoGenerateTingID(propertiesUri, true);
             if (!edgeProperty.empty()) text = replace_thing_property_context_id(text, edgeProperty, false);
-            properties.readPropertiesFromString(text);
+            properties.readPropertiesFromString(text, propertiesUri);
         }
     } catch (const std::exception &) {
         std::cout << "Load Thing Properties failed." << std::endl;
@@ -149,10 +163,24 @@ void Edge::AddThing(const std::string &name, const std::string &propertiesFile, 
     {
         std::lock_guard<std::mutex> lock(thingsMutex);
         inserted = things.emplace(name, added).second;
+        if (inserted) addedFiles_[name] = ThingUris{groupUris, classUri, propertiesUri};
     }
     // The first thing under a name stays; a later one would only hold bus
     // resources that nothing can reach.
     if (!inserted) added.close();
+}
+
+void Edge::reopen() {
+    if (!stopRequested.load()) return;
+    bus = Marlet::getInstance("config=" + configUri);
+    thing = createThing(tagGroupUris, thingClassUri, thingPropertiesUri, true);
+    thingId = thing.getId();
+    {
+        std::lock_guard<std::mutex> lock(thingsMutex);
+        for (const auto &[name, uris] : addedFiles_)
+            things[name] = createThing(uris.tagGroups, uris.thingClass, uris.properties, true);
+    }
+    stopRequested.store(false);
 }
 
 void Edge::writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data) {
@@ -190,11 +218,22 @@ bool Edge::deinit() {
 
 void Edge::shutdown() {
     stopRequested.store(true);
+    // Readers blocked in a read return at once and see the flag, rather than
+    // after their read timeout: stopping an element takes milliseconds.
+    {
+        std::lock_guard<std::mutex> lock(thingsMutex);
+        thing.wakeReaders();
+        for (auto &entry : things)
+            entry.second.wakeReaders();
+    }
     for (auto &listener : listeners) {
         if (listener.second) listener.second->throwEvent();
     }
-    // Readers notice the flag within one read timeout; a reader stuck inside
-    // the library must not hold shutdown up for more than ten seconds here.
+    // Woken readers end within moments; give them that before the long wait.
+    for (int i = 0; i < 200 && activeReaders.load() != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // A reader stuck inside the library must not hold shutdown up for more
+    // than ten seconds here.
     for (int i = 0; i < 10 && activeReaders.load() != 0; ++i)
         sleepOneSecond();
     for (auto &reader : readThreads) {
@@ -267,6 +306,35 @@ ModelLoader::ThingFiles ModelLoader::filesOf(Group group, Direction direction) {
 void ModelLoader::addThing(Edge &edge, const std::string &name, Group group, Direction direction) {
     const ThingFiles files = filesOf(group, direction);
     edge.AddThing(name, files.properties, files.thingClass, {files.tagGroup});
+    // A thing that is missing, or that cannot reach its tag group because a
+    // definition did not load, would fail on the first frame; fail the open
+    // instead, with the files named.
+    bool usable = false;
+    {
+        std::lock_guard<std::mutex> lock(edge.thingsMutex);
+        auto it = edge.things.find(name);
+        if (it != edge.things.end())
+            usable = direction == Direction::Out ? it->second.hasOutput(name) : it->second.hasInput(name);
+    }
+    if (!usable) {
+        const std::vector<std::string> all{files.tagGroup, files.thingClass, files.properties};
+        const std::string problem =
+            missing_config_files(all).empty() ? "its files did not load: " + listed(all) : Edge::describeMissing(all);
+        Edge::failOpen("tag group " + name + " cannot be " +
+                       (direction == Direction::Out ? "published" : "subscribed") + ": " + problem);
+    }
+}
+
+void Edge::requireMainPort(const std::string &name, bool output) {
+    if (output ? thing.hasOutput(name) : thing.hasInput(name)) return;
+    failOpen("tag group " + name + " cannot be " + (output ? "published" : "subscribed") +
+             ": its definition did not load: " + listed(tagGroupUris));
+}
+
+void Edge::failOpen(const std::string &problem) {
+    // Said here as well as thrown: the elements report only that the open failed.
+    std::cerr << problem << std::endl;
+    throw com::quorixtech::marlet::ConfigError(problem);
 }
 
 void ModelLoader::addThingOutByProp(std::shared_ptr<Edge> edge, std::vector<std::string> &tagGroupNames) {

@@ -51,6 +51,18 @@ struct Edge {
                   const std::vector<std::string> &tagGroupFiles);
     void writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data);
     bool deinit();
+    // Opens again what deinit closed (participant, main thing, added things)
+    // from the same files, so that an element can restart on this session.
+    // Does nothing while the session is open; throws what opening throws.
+    void reopen();
+
+    // Says which of these relative files no configuration root holds.
+    static std::string describeMissing(const std::vector<std::string> &files);
+    // Throws ConfigError (and says why on standard error) unless the main
+    // thing can publish (output) or subscribe to the named tag group.
+    void requireMainPort(const std::string &name, bool output);
+    // Says on standard error why a session cannot open, and throws that as ConfigError.
+    [[noreturn]] static void failOpen(const std::string &problem);
 
     // Reader thread bodies; see read() for the loop.
     template <typename Receiver, typename R> void run_read(Receiver *receiver, const std::string &input);
@@ -79,6 +91,14 @@ struct Edge {
     std::mutex thingsMutex;
 
   private:
+    struct ThingUris {
+        std::vector<std::string> tagGroups;
+        std::string thingClass;
+        std::string properties;
+    };
+    // What AddThing made each thing from, for reopen.
+    std::map<std::string, ThingUris> addedFiles_;
+
     void shutdown();
     // Selects input on the thing added under that name, else on the main thing,
     // and says which one on standard output.

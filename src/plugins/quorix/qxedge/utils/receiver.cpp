@@ -90,6 +90,8 @@ Synchronizer::~Synchronizer() {
     {
         std::lock_guard<std::mutex> lock(m);
         control_->ownerAlive = false;
+        for (auto &retired : retired_)
+            retired->ownerAlive = false;
     }
     for (auto &worker : workers_) {
         if (worker.joinable()) worker.detach();
@@ -97,6 +99,17 @@ Synchronizer::~Synchronizer() {
 }
 
 void Synchronizer::Start() {
+    if (!workers_.empty()) {
+        // A worker ran before: retire its flags (it ends at its next check)
+        // and give the new worker flags of its own. Under m, as the worker
+        // reads the current flags during its pass.
+        std::lock_guard<std::mutex> lock(m);
+        control_->running = false;
+        retired_.push_back(control_);
+        auto fresh = std::make_shared<WorkerControl>();
+        fresh->workerMessage = control_->workerMessage.load();
+        control_ = std::move(fresh);
+    }
     control_->running = true;
     // The worker gets its own hold on the control block from here, not from the
     // object: it may first run after the object is gone.
@@ -104,6 +117,11 @@ void Synchronizer::Start() {
 }
 
 void Synchronizer::Stop() { control_->running = false; }
+
+void Synchronizer::Clear() {
+    std::lock_guard<std::mutex> lock(m);
+    syncPool = poolingData{};
+}
 
 void Synchronizer::SetWorkerMessageFlag(bool flag) { control_->workerMessage = flag; }
 
@@ -296,6 +314,14 @@ void ReceiveImage::callback(const TOLVIXO::UniInfo &uniInfo) {
                   << " synchronizedData in ReceiveImage::callback(const UniInfo &uniInfo)." << std::endl;
     }
     synchronizer.syncPool.synchronizedVec.push_back(std::move(entry));
+}
+
+void ReceiveImage::reset() {
+    synchronizer.Clear();
+    std::lock_guard<std::mutex> lock(m);
+    image.release();
+    width = 0;
+    height = 0;
 }
 
 SynchronizedData ReceiveImage::parser(const TOLVIXO::UniInfo &uniInfo) {

@@ -60,6 +60,9 @@ class Synchronizer {
     void Start();
     // Clears the running flag only; the worker notices at its next check.
     void Stop();
+    // Empties every queue (under m), so that a restarted element starts from
+    // what arrives after the restart.
+    void Clear();
     void SetWorkerMessageFlag(bool flag);
     bool GetWorkerMessageFlag() const;
 
@@ -90,7 +93,11 @@ class Synchronizer {
 
     std::vector<std::thread> workers_;
     const int synchronizedLimit_ = 10;
+    // The current worker's flags, and those of every worker started before it:
+    // a stopped worker may still be sleeping when Start() runs again, and it
+    // must see its own running flag stay false.
     std::shared_ptr<WorkerControl> control_;
+    std::vector<std::shared_ptr<WorkerControl>> retired_;
 };
 
 class ReceiveImage {
@@ -112,6 +119,10 @@ class ReceiveImage {
     // Combined record: the first one stops the worker for good; each record with a
     // usable first frame becomes one entry of synchronizedVec directly.
     void callback(const TOLVIXO::UniInfo &uniInfo);
+
+    // Forgets the last picture and every queued record: the element was
+    // stopped, and what it delivers after a restart must arrive after it.
+    void reset();
 
     // Splits a combined record into one entry, taken from its first frame and first device.
     static SynchronizedData parser(const TOLVIXO::UniInfo &uniInfo);

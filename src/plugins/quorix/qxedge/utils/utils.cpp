@@ -61,13 +61,32 @@ std::vector<std::string> combine_paths(const std::string &prefix, const std::vec
     return paths;
 }
 
-std::string search_files(const std::vector<std::string> &files) {
+namespace {
+
+std::vector<std::string> configurationRoots() {
     std::vector<std::string> roots = {".", "/opt/quorix/ixo", "/src/common/data_model", "./common/data_model"};
     // Last on purpose: an explicit root only helps when none of the usual
     // places holds a complete configuration.
     if (const char *extra = std::getenv("IXO_ROOT")) roots.emplace_back(extra);
+    return roots;
+}
 
-    for (const auto &root : roots) {
+} // namespace
+
+std::vector<std::string> missing_config_files(const std::vector<std::string> &files) {
+    std::vector<std::string> missing;
+    const auto roots = configurationRoots();
+    for (const auto &file : files) {
+        bool found = false;
+        for (const auto &root : roots)
+            found = found || is_file_exist(path_join({root, file}));
+        if (!found) missing.push_back(file);
+    }
+    return missing;
+}
+
+std::string search_files(const std::vector<std::string> &files) {
+    for (const auto &root : configurationRoots()) {
         bool complete = true;
         for (const auto &file : files) {
             if (!is_file_exist(path_join({root, file}))) {

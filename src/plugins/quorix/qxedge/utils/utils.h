@@ -22,6 +22,10 @@ std::vector<std::string> combine_paths(const std::string &prefix, const std::vec
 // "/src/common/data_model", "./common/data_model", then $IXO_ROOT if set.
 std::string search_files(const std::vector<std::string> &files);
 
+// The files of the list that none of those roots holds, to tell the operator
+// what is missing when search_files finds no root.
+std::vector<std::string> missing_config_files(const std::vector<std::string> &files);
+
 // A random thing id of lowercase hex groups. The generator is re-seeded from
 // the current millisecond on every call, so two calls in the same millisecond
 // give the same id; peers rely on nothing else, and that is accepted.

@@ -45,6 +45,10 @@ std::size_t queuedEntries(ReceiveImage &receiver) {
 
 int roundUp(int value, int multiple) { return (value + multiple - 1) / multiple * multiple; }
 
+unsigned char *plane(GstVideoFrame *frame, int index) {
+    return static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, index));
+}
+
 // BGR rows are copied at the frame's stride; never more than the frame holds,
 // whatever size the picture has.
 void copyPackedRows(const cv::Mat &image, GstVideoFrame *frame) {
@@ -62,12 +66,17 @@ void copyPackedRows(const cv::Mat &image, GstVideoFrame *frame) {
 gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer) {
     try {
         ReceiveImage &receiver = src->priv->ImageReceiver;
-        while (!qx_edgesrc_reading_stopped(src) && !qx_edgesrc_terminate.load()) {
+        // Waits on this element's own flags only: another source's stop in the
+        // same process must not end this wait. Ending without an entry leaves
+        // the buffer unfilled, and the caller must not push it.
+        bool extracted = false;
+        while (!extracted && !qx_edgesrc_reading_stopped(src) && !qx_edgesrc_flushing(src)) {
             sleepMillisecond();
             if (!receiverHasPicture(receiver)) continue;
             GST_DEBUG_OBJECT(src, "Start to call extractingData in qx_edge_receive_data.");
-            if (extractingData(src, frame, meta, receiver, buffer)) break;
+            extracted = extractingData(src, frame, meta, receiver, buffer);
         }
+        if (!extracted) return FALSE;
         GST_DEBUG_OBJECT(src, "qx_edge_receive_data return TRUE.");
         return TRUE;
     } catch (...) {
@@ -115,34 +124,29 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
                                  ? "ENCODED"
                                  : gst_video_format_to_string(GST_VIDEO_FRAME_FORMAT(frame));
     const std::uint64_t format = hash_(formatName ? formatName : "");
-    const bool planar = format == hash_("I420") || format == hash_("NV12");
-    // The YUV encoders need even sizes: an odd negotiated size takes the rounded-up picture too.
-    const bool oddForYuv = planar && (width % 2 != 0 || height % 2 != 0);
     // Encoded bytes are not pixels: resizing them would only destroy them.
     const bool encoded = format == hash_("ENCODED");
-    if (!encoded && width > 0 && height > 0 && (image.cols != width || image.rows != height || oddForYuv)) {
+    if (!encoded && width > 0 && height > 0 && (image.cols != width || image.rows != height)) {
         GST_DEBUG_OBJECT(src, "Size of image in marlet is different from pipeline frame info, need resize first.");
         cv::resize(image, image, cv::Size(roundUp(width, 4), roundUp(height, 2)), 0, 0, cv::INTER_LINEAR);
     }
 
     GST_DEBUG_OBJECT(src, "Convert marlet data to %s", formatName);
     switch (format) {
-    case hash_("I420"): {
-        int strideY = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
-        int strideCbCr = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 1);
-        RGB8882YUVI420p(image, static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
-                        static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)),
-                        static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 2)), strideY, strideCbCr);
+    // The planes are written as the frame lays them out, each at its own
+    // stride and never past the frame, whatever the picture's size: odd
+    // sizes and padded strides included.
+    case hash_("I420"):
+        writeI420Frame(image, GST_VIDEO_FRAME_WIDTH(frame), GST_VIDEO_FRAME_HEIGHT(frame), plane(frame, 0),
+                       GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0), plane(frame, 1), GST_VIDEO_FRAME_PLANE_STRIDE(frame, 1),
+                       plane(frame, 2), GST_VIDEO_FRAME_PLANE_STRIDE(frame, 2));
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);
         break;
-    }
-    case hash_("NV12"): {
-        int strideY = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
-        RGB8882YUVNV12(image, static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0)),
-                       static_cast<unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(frame, 1)), strideY);
+    case hash_("NV12"):
+        writeNV12Frame(image, GST_VIDEO_FRAME_WIDTH(frame), GST_VIDEO_FRAME_HEIGHT(frame), plane(frame, 0),
+                       GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0), plane(frame, 1), GST_VIDEO_FRAME_PLANE_STRIDE(frame, 1));
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);
         break;
-    }
     case hash_("BGR"):
         copyPackedRows(image, frame);
         GST_DEBUG_OBJECT(src, "Convert %s OK", formatName);

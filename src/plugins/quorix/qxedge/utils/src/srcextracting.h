@@ -17,8 +17,9 @@
 extern std::mutex extract_mutex;
 
 // The element's receive_image: waits for the oldest synchronised entry and
-// writes it into frame and meta. False only when extraction failed in a way
-// that the element cannot go on from.
+// writes it into frame and meta. False when no entry was written: the wait
+// ended (this element flushing, or its bus connection stopped reading) or
+// extraction failed in a way that the element cannot go on from.
 gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, GstBuffer *buffer);
 
 // Takes one entry off the output queue; false when none is queued.
