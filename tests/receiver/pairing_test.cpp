@@ -79,18 +79,11 @@ void pushRecord(PairingEngine &engine, const PublisherKey &key, char kind, std::
         record.stream_id = key.flow;
         engine.push(key, std::move(record));
     };
-    switch (kind) {
-    case 'f':
-        return tagged(makeFrame(id));
-    case 'c':
-        return tagged(makeClassification(id));
-    case 'd':
-        return tagged(makeDetection(id));
-    case 's':
-        return tagged(makeSegment(id));
-    default:
-        FAIL() << "no record kind " << kind;
-    }
+    if (kind == 'f') return tagged(makeFrame(id));
+    if (kind == 'c') return tagged(makeClassification(id));
+    if (kind == 'd') return tagged(makeDetection(id));
+    ASSERT_EQ(kind, 's');
+    tagged(makeSegment(id));
 }
 
 class PairingTest : public ::testing::TestWithParam<PairingCase> {};
@@ -139,56 +132,28 @@ TEST_P(PairingTest, ReleasesEachFrameOnceInOrderWithItsOwnResults) {
     EXPECT_EQ(n.framesReceived, n.framesDelivered + n.framesDropped + n.framesWaiting);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PairingTest,
-    ::testing::Values(
-        PairingCase{"result before its frame", "c", "c1 f1", "A1:c", {1, 0, 0, 1, 0, 0, 0}},
-        PairingCase{"results after their frame, one twice", "cds", "f1 c1 d1 c1 s1", "A1:cds", {1, 0, 0, 3, 0, 1, 0}},
-        PairingCase{"missing kind: out when the wait ends, then late",
-                    "cd",
-                    "f1 c1 +99 +1 d1 +100",
-                    "A1:c",
-                    {1, 0, 1, 1, 1, 0, 0}},
-        PairingCase{"one late result, then on-time ones",
-                    "c",
-                    "f1 +100 c1 f2 c2 c3 f3 +100",
-                    "A1: A2:c A3:c",
-                    {3, 0, 1, 2, 1, 0, 0}},
-        PairingCase{"result waits for its frame only so long", "c", "c1 +2000 f1 +100", "A1:", {1, 0, 1, 0, 0, 1, 0}},
-        PairingCase{"backlog of 50 frames ahead of their results",
-                    "cd",
-                    "f1-50 c1-50 d1-50",
-                    "A1-50:cd",
-                    {50, 0, 0, 100, 0, 0, 0},
-                    {64, 256, 64, 16}},
-        // c5 came before the old run's last frame; c1 of the new run after it.
-        PairingCase{"restart, results sent first",
-                    "c",
-                    "c1 f1 c2 f2 c5 f3 c1 f1 c2 f2",
-                    "A1:c A2:c A3: A1:c A2:c",
-                    {5, 0, 1, 4, 0, 1, 1}},
-        PairingCase{"two publishers, same frame ids, own devices",
-                    "c",
-                    "vX BvY f1 Bf1 Bc1 vZ c1 f2 Bf2 c2 Bc2",
-                    "B1:c/Y A1:c/Z A2:c/Z B2:c/Y",
-                    {4, 0, 0, 4, 0, 0, 0}},
-        PairingCase{"late join", "c", "c7 c8 c9 f10 c10 f11 c11 c9 +100", "A10:c A11:c", {2, 0, 0, 2, 1, 3, 0}},
-        PairingCase{
-            "waiting frames overflow", "c", "f1 f2 f3 c2 c3", "A2:c A3:c", {2, 1, 0, 2, 0, 0, 0}, {2, 256, 10, 16}},
-        // f2 and f3 are complete at once but wait behind f1.
-        PairingCase{"results of one kind overflow",
-                    "c",
-                    "c1 c2 c3 f1 f2 f3 +100",
-                    "A1: A2:c A3:c",
-                    {3, 0, 1, 2, 0, 1, 0},
-                    {32, 2, 10, 16}},
-        PairingCase{"output queue overflows", "", "f1-3", "A2: A3:", {2, 1, 0, 0, 0, 0, 0}, {32, 256, 2, 16}},
-        // A spoke after B, so B and its waiting frame are forgotten when C comes.
-        PairingCase{"publishers overflow",
-                    "c",
-                    "f1 Bf1 c1 Cf1 Cc1 Bc1 +100",
-                    "A1:c C1:c",
-                    {2, 1, 0, 2, 0, 0, 0},
-                    {32, 256, 10, 2}}));
+// clang-format off
+const PairingCase kRows[] = {
+    {"result before its frame", "c", "c1 f1", "A1:c", {1, 0, 0, 1, 0, 0, 0}},
+    {"results after their frame, one twice", "cds", "f1 c1 d1 c1 s1", "A1:cds", {1, 0, 0, 3, 0, 1, 0}},
+    {"missing kind: out when the wait ends, then late", "cd", "f1 c1 +99 +1 d1 +100", "A1:c", {1, 0, 1, 1, 1, 0, 0}},
+    {"one late result, then on-time ones", "c", "f1 +100 c1 f2 c2 c3 f3 +100", "A1: A2:c A3:c", {3, 0, 1, 2, 1, 0, 0}},
+    {"result waits for its frame only so long", "c", "c1 +2000 f1 +100", "A1:", {1, 0, 1, 0, 0, 1, 0}},
+    {"backlog of 50 frames", "cd", "f1-50 c1-50 d1-50", "A1-50:cd", {50, 0, 0, 100, 0, 0, 0}, {64, 256, 64, 16}},
+    // c5 came before the old run's last frame; c1 of the new run after it.
+    {"restart, results first", "c", "c1 f1 c2 f2 c5 f3 c1 f1 c2 f2", "A1:c A2:c A3: A1:c A2:c", {5, 0, 1, 4, 0, 1, 1}},
+    {"two publishers, same ids", "c", "vX BvY f1 Bf1 Bc1 vZ c1 f2 Bf2 c2 Bc2", "B1:c/Y A1:c/Z A2:c/Z B2:c/Y",
+     {4, 0, 0, 4, 0, 0, 0}},
+    {"late join", "c", "c7 c8 c9 f10 c10 f11 c11 c9 +100", "A10:c A11:c", {2, 0, 0, 2, 1, 3, 0}},
+    {"waiting frames overflow", "c", "f1 f2 f3 c2 c3", "A2:c A3:c", {2, 1, 0, 2, 0, 0, 0}, {2, 256, 10, 16}},
+    // f2 and f3 are complete at once but wait behind f1.
+    {"results overflow", "c", "c1 c2 c3 f1 f2 f3 +100", "A1: A2:c A3:c", {3, 0, 1, 2, 0, 1, 0}, {32, 2, 10, 16}},
+    {"output overflows", "", "f1-3", "A2: A3:", {2, 1, 0, 0, 0, 0, 0}, {32, 256, 2, 16}},
+    // A spoke after B, so B and its waiting frame are forgotten when C comes.
+    {"publishers overflow", "c", "f1 Bf1 c1 Cf1 Cc1 Bc1 +100", "A1:c C1:c", {2, 1, 0, 2, 0, 0, 0}, {32, 256, 10, 2}},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Rows, PairingTest, ::testing::ValuesIn(kRows));
 
 } // namespace
