@@ -123,7 +123,8 @@ struct PairingEngine::State {
         }
     }
 
-    // Results whose time is up: late if their frame was already gone, else dropped.
+    // Removes the results that condition picks: counted late if their frame was
+    // already gone when they came, else dropped.
     template <typename Queue, typename Condition> void discard(Queue &queue, Condition &&condition) {
         for (auto it = queue.begin(); it != queue.end();) {
             if (!condition(it->first, it->second)) {

@@ -62,8 +62,10 @@
 #include "frame_information.h"
 #include "synchronized_data.h"
 
-// Who sent a record: the writer's session and the flow. Records of different
-// keys are never paired with each other.
+// Who sent a record: the publishing session and the flow. Records of different
+// keys are never paired with each other, so the session must name the publisher
+// as a whole (the same for all of its tag groups, such as its source thing id),
+// not the bus writer of one tag group.
 struct PublisherKey {
     std::string session;
     std::string flow;
