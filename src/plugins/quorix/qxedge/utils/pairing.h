@@ -5,7 +5,7 @@
 // fills the same SynchronizedData entries, so extraction reads both alike.
 //
 // Rules:
-// - Publishers. Every record comes with the PublisherKey of the writer and
+// - Publishers. Every record comes with the PublisherKey of the publisher and
 //   flow that sent it. A frame is paired only with results that carry its
 //   frame id and the same key; the device record a frame gets is the latest
 //   one of its key, taken when the frame is released (the device record is not
