@@ -1,13 +1,15 @@
 // Reader threads, the worker and a consumer all at once, as in a running source
-// element. Built with ThreadSanitizer: any access to the queues outside m fails
-// the run.
+// element, for the synchroniser and for the pairing engine. Built with
+// ThreadSanitizer: any unguarded access to shared state fails the run.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <thread>
 
+#include "pairing.h"
 #include "receiver_test_support.h"
 
 namespace {
@@ -116,6 +118,64 @@ TEST(ReceiverConcurrency, WorkerOutlivingItsSynchronizerEndsWithoutTouchingIt) {
         sync.reset();
         EXPECT_TRUE(eventually([&] { return capture.contains("break sync while."); }));
     }
+}
+
+// With room for every frame none may be dropped: frames come out in order per
+// publisher (checked as they come) and popped equals pushed, so each comes out once.
+TEST(PairingConcurrency, SixReadersOneConsumerAndAStopLoseNoFrame) {
+    PairingSettings settings;
+    settings.needClassification = settings.needDetection = settings.needSegmentation = true;
+    settings.resultWait = std::chrono::milliseconds(20);
+    settings.maxFramesPerPublisher = settings.outputLimit = 2 * kFrames;
+    PairingEngine engine(settings);
+    const PublisherKey cam{"writer-1", "flow"};
+    const PublisherKey other{"writer-2", "flow"}; // frames only: each is released when its wait ends
+
+    std::map<std::string, std::uint32_t> lastId;
+    std::uint64_t popped = 0;
+    std::thread consumer([&] {
+        SynchronizedData e;
+        // Without a wake-up from stop() this wait would outlast the test's time limit.
+        while (engine.pop(e, std::chrono::hours(1))) {
+            ++popped;
+            const std::uint32_t id = e.frameInfo.frame_id;
+            EXPECT_GT(id, lastId[e.frameInfo.stream_id]) << e.frameInfo.stream_id << " out of order";
+            lastId[e.frameInfo.stream_id] = id;
+            for (std::uint32_t resultId : {e.classification.frame_id, e.detectionBox.frame_id, e.segmentInfo.frame_id})
+                EXPECT_TRUE(resultId == 0 || resultId == id) << "result for frame " << resultId << " on " << id;
+        }
+    });
+
+    std::vector<std::thread> readers;
+    const auto reader = [&](auto push) {
+        readers.emplace_back([push] {
+            for (std::uint32_t id = 1; id <= kFrames; ++id)
+                push(id);
+        });
+    };
+    reader([&](std::uint32_t id) { engine.push(cam, makeFrame(id, 4, 2)); });
+    reader([&](std::uint32_t id) { engine.push(cam, makeClassification(id)); });
+    reader([&](std::uint32_t id) { engine.push(cam, makeDetection(id)); });
+    reader([&](std::uint32_t id) { engine.push(cam, makeSegment(id)); });
+    reader([&](std::uint32_t id) { engine.push(cam, makeDevice("cam-" + std::to_string(id))); });
+    reader([&](std::uint32_t id) {
+        auto frame = makeFrame(id);
+        frame.stream_id = "other";
+        engine.push(other, std::move(frame));
+    });
+    for (auto &r : readers)
+        r.join();
+    EXPECT_TRUE(eventually([&] { return engine.counters().framesWaiting == 0; }));
+    engine.stop();
+    consumer.join();
+
+    const PairingCounters n = engine.counters();
+    EXPECT_EQ(n.framesReceived, 2 * kFrames);
+    EXPECT_EQ(n.framesDelivered, popped);
+    EXPECT_EQ(n.framesDelivered, n.framesReceived) << n.framesDropped << " dropped";
+    EXPECT_EQ(lastId["cam-0"], kFrames);
+    EXPECT_EQ(lastId["other"], kFrames);
+    EXPECT_EQ(n.restarts, 0u);
 }
 
 } // namespace
