@@ -7,13 +7,15 @@
 
 set(QX_PACKAGE_PREFIX "/usr")
 
-# ---- where the installed plug-ins find the installed libraries --------------
+# ---- where installed modules find the installed libraries -------------------
 #
-# The plug-in directory is absolute (GStreamer's own), the libraries live under
-# the prefix, so the plug-ins get $ORIGIN-relative run paths to the library
-# directory of both the configured prefix and the package prefix. Relative
-# paths keep working in a DESTDIR-staged tree and in a tree unpacked from the
-# package, where absolute ones would point at the real system.
+# The plug-in directory (GStreamer's own) and the Python package directory are
+# absolute, the libraries live under the prefix, so loadable modules get
+# $ORIGIN-relative run paths to the library directory of both the configured
+# prefix and the package prefix. Relative paths keep working in a
+# DESTDIR-staged tree and in a tree unpacked from the package, where absolute
+# ones would point at the real system. A module installed elsewhere than the
+# plug-in directory names its directory in the target property QX_INSTALL_DIR.
 function(qx_origin_path out from to)
   file(RELATIVE_PATH relative "${from}" "${to}")
   if(relative STREQUAL "")
@@ -23,12 +25,15 @@ function(qx_origin_path out from to)
   endif()
 endfunction()
 
-qx_origin_path(qx_rpath_prefix "${QX_GST_PLUGIN_DIR}" "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
-qx_origin_path(qx_rpath_package "${QX_GST_PLUGIN_DIR}" "${QX_PACKAGE_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
-set(QX_PLUGIN_INSTALL_RPATH "${qx_rpath_prefix}")
-if(NOT qx_rpath_package STREQUAL qx_rpath_prefix)
-  list(APPEND QX_PLUGIN_INSTALL_RPATH "${qx_rpath_package}")
-endif()
+function(qx_install_rpath out from)
+  qx_origin_path(for_prefix "${from}" "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+  qx_origin_path(for_package "${from}" "${QX_PACKAGE_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+  set(paths "${for_prefix}")
+  if(NOT for_package STREQUAL for_prefix)
+    list(APPEND paths "${for_package}")
+  endif()
+  set(${out} "${paths}" PARENT_SCOPE)
+endfunction()
 
 function(qx_collect_targets out dir)
   get_property(targets DIRECTORY "${dir}" PROPERTY BUILDSYSTEM_TARGETS)
@@ -44,7 +49,12 @@ qx_collect_targets(qx_all_targets "${PROJECT_SOURCE_DIR}")
 foreach(target IN LISTS qx_all_targets)
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "MODULE_LIBRARY")
-    set_target_properties(${target} PROPERTIES INSTALL_RPATH "${QX_PLUGIN_INSTALL_RPATH}")
+    get_target_property(install_dir ${target} QX_INSTALL_DIR)
+    if(NOT install_dir)
+      set(install_dir "${QX_GST_PLUGIN_DIR}")
+    endif()
+    qx_install_rpath(rpath "${install_dir}")
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "${rpath}")
   endif()
 endforeach()
 
@@ -104,6 +114,18 @@ else()
   # Without dpkg-shlibdeps, the runtime libraries of Debian 12 by name.
   set(CPACK_DEBIAN_PACKAGE_DEPENDS
       "libc6, libstdc++6, libglib2.0-0, libgstreamer1.0-0, libgstreamer-plugins-base1.0-0, libddsc0debian, libopencv-core406, libopencv-imgproc406, libopencv-imgcodecs406")
+endif()
+
+# The Python module loads only into the Python version it was built for and
+# works with PyGObject's GStreamer bindings and NumPy; the elements need none
+# of that, so it is a recommendation.
+if(TARGET qxmeta_native)
+  string(REPLACE "." ";" qx_python_parts "${QX_PYTHON_VERSION}")
+  list(GET qx_python_parts 0 qx_python_major)
+  list(GET qx_python_parts 1 qx_python_minor)
+  math(EXPR qx_python_next "${qx_python_minor} + 1")
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS
+      "python3 (>= ${QX_PYTHON_VERSION}), python3 (<< ${qx_python_major}.${qx_python_next}), python3-gi, gir1.2-gstreamer-1.0, python3-numpy")
 endif()
 
 # The configuration is meant to be edited on site (domain id, peers): keep

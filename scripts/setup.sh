@@ -11,6 +11,8 @@ PACKAGES=(
     libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev
     nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    python3-dev pybind11-dev python-gi-dev python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
+    python3-numpy python3-pytest python3-opencv
     procps time
 )
 
