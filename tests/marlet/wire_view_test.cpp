@@ -35,6 +35,7 @@ struct CdrWriter {
     Bytes sample(std::uint16_t encapsulation, const Bytes &payload) {
         string("thing-1");
         string("");
+        string("session-1");
         string("ns:Group");
         integer(0x0102030405060708ull, 8);
         integer(static_cast<std::uint64_t>(-5), 8);
@@ -66,6 +67,7 @@ TEST(WireView, ReadsEveryEncapsulationAPeerMaySend) {
         const auto v = parseWireSample(bytes.data(), bytes.size());
         EXPECT_EQ(v.sourceId, "thing-1");
         EXPECT_EQ(v.flowId, "");
+        EXPECT_EQ(v.sessionId, "session-1");
         EXPECT_EQ(v.tagGroup, "ns:Group");
         EXPECT_EQ(v.sequenceNumber, 0x0102030405060708ull);
         EXPECT_EQ(v.sourceTime, -5);

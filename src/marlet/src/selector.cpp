@@ -94,7 +94,8 @@ std::size_t takeBatch(detail::SelectorState &s) {
             try {
                 auto pairs = codec::decode(wire.payload, wire.payloadSize);
                 entry.sample.emplace(std::move(pairs), std::move(wire.sourceId), std::move(wire.flowId),
-                                     std::move(wire.tagGroup), wire.sequenceNumber, wire.sourceTime);
+                                     std::move(wire.tagGroup), wire.sequenceNumber, wire.sourceTime,
+                                     std::move(wire.sessionId));
             } catch (const DecodeError &e) {
                 entry.error = "sample " + std::to_string(wire.sequenceNumber) + " from \"" + wire.sourceId + "\" on " +
                               s.tagGroup->topic + ": " + e.what();

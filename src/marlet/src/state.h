@@ -64,6 +64,7 @@ struct ThingState {
     std::string thingClass;
     std::string contextId;
     std::string name;
+    std::string session; // written into every sample; the thing id unless joinSession set another
     std::map<std::string, TagGroupDefinition> outputs; // resolved at creation
     std::map<std::string, TagGroupDefinition> inputs;
 

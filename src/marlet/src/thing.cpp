@@ -84,6 +84,7 @@ Thing Marlet::makeThing(const ThingProperties &properties) {
     thing->thingClass = properties.thingClass();
     thing->contextId = properties.contextId();
     thing->name = properties.name();
+    thing->session = thing->id;
     thing->outputs = resolvePorts(*state_, thingClass->outputs);
     thing->inputs = resolvePorts(*state_, thingClass->inputs);
 
@@ -98,6 +99,12 @@ Thing Marlet::makeThing(const ThingProperties &properties) {
 }
 
 std::string Thing::getId() const { return state_ ? state_->id : std::string(); }
+
+void Thing::joinSession(const std::string &session) {
+    if (!state_) throw MarletError("joinSession on an empty Thing handle");
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->session = session;
+}
 
 bool Thing::hasOutput(const std::string &output) const {
     return state_ && state_->resolve(state_->outputs, output).has_value();
@@ -136,6 +143,7 @@ void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pa
     // DDS only reads these during dds_write; nothing is copied beforehand.
     sample.sourceId = const_cast<char *>(state_->id.c_str());
     sample.flowId = const_cast<char *>(state_->contextId.c_str());
+    sample.sessionId = const_cast<char *>(state_->session.c_str());
     sample.tagGroup = const_cast<char *>(slot->qualifiedName.c_str());
     sample.sequenceNumber = ++slot->sequence;
     sample.sourceTime = detail::nowNs();

@@ -95,6 +95,7 @@ WireView parseWireSample(const std::uint8_t *data, std::size_t size) {
     WireView v;
     v.sourceId = r.string("sourceId");
     v.flowId = r.string("flowId");
+    v.sessionId = r.string("sessionId");
     v.tagGroup = r.string("tagGroup");
     v.sequenceNumber = r.u64();
     v.sourceTime = static_cast<std::int64_t>(r.u64());

@@ -13,6 +13,7 @@ namespace com::quorixtech::marlet::detail {
 struct WireView {
     std::string sourceId;
     std::string flowId;
+    std::string sessionId;
     std::string tagGroup;
     std::uint64_t sequenceNumber = 0;
     std::int64_t sourceTime = 0;

@@ -153,15 +153,20 @@ template <typename T> class DataSample {
   public:
     DataSample() = default;
     DataSample(T data, std::string sourceId, std::string flowId, std::string tagGroup, std::uint64_t sequence,
-               std::int64_t sourceTimeNs)
+               std::int64_t sourceTimeNs, std::string sessionId = {})
         : data_(std::move(data)), sourceId_(std::move(sourceId)), flowId_(std::move(flowId)),
-          tagGroup_(std::move(tagGroup)), sequence_(sequence), sourceTimeNs_(sourceTimeNs) {}
+          tagGroup_(std::move(tagGroup)), sequence_(sequence), sourceTimeNs_(sourceTimeNs),
+          sessionId_(std::move(sessionId)) {}
 
     const T &getData() const { return data_; }
     T &getData() { return data_; }
     const std::string &getSourceId() const { return sourceId_; }
     const std::string &getFlowId() const { return flowId_; }
     const std::string &getTagGroup() const { return tagGroup_; }
+    // The publisher that wrote it: the same for all the tag groups of one
+    // session (Thing::joinSession), so a subscriber can tell which frames and
+    // results belong together.
+    const std::string &getSessionId() const { return sessionId_; }
     std::uint64_t getSequence() const { return sequence_; }
     // Nanoseconds since 1970 on the writer's clock, taken when it wrote the sample.
     std::int64_t getSourceTime() const { return sourceTimeNs_; }
@@ -173,6 +178,7 @@ template <typename T> class DataSample {
     std::string tagGroup_;
     std::uint64_t sequence_ = 0;
     std::int64_t sourceTimeNs_ = 0;
+    std::string sessionId_;
 };
 
 class DiscoveredThing {
@@ -213,6 +219,10 @@ class Thing : public DiscoveredThing {
     std::string getId() const override;
     std::string getContextId() const override;
     bool valid() const { return static_cast<bool>(state_); }
+    // Things that publish for one session (one publisher) share a session id,
+    // written into every sample they send; by default a thing is a session of
+    // its own. Join before the first write.
+    void joinSession(const std::string &session);
     // Whether write (select) can reach a tag group under this name: a port of
     // the thing's class whose tag group is registered, or a registered tag
     // group of that name.

@@ -24,7 +24,7 @@ std::atomic<bool> qx_edgesrc_terminate{false};
 // Guards the hand-over of the first frame's size to fixate.
 static std::mutex qxedgesrc_mutex;
 
-enum { PROP_0, PROP_TAGGROUPS, PROP_SYNCMESSAGE, PROP_CONTEXT_ID };
+enum { PROP_0, PROP_TAGGROUPS, PROP_SYNCMESSAGE, PROP_CONTEXT_ID, PROP_PAIRING, PROP_RESULT_WAIT, PROP_STATS };
 
 // Kept as it stands: peers negotiate against exactly this text, the sink uses the same.
 #define QX_EDGESRC_CAPS                                                                                                \
@@ -82,6 +82,29 @@ static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
                                     g_param_spec_string("context-id", "Context-id",
                                                         "Identify to the class of a thing for subscribing.", "",
                                                         flags));
+
+    const auto setupFlags = static_cast<GParamFlags>(flags | GST_PARAM_MUTABLE_READY);
+    g_object_class_install_property(
+        gobject_class, PROP_PAIRING,
+        g_param_spec_enum("pairing", "Pairing",
+                          "How frames are paired with the results of separate tag groups. \"compatible\" keeps "
+                          "the synchroniser (best effort: results that come late can be missed). \"frame-id\" "
+                          "pushes every frame once, in order, with the results of its own frame id from its own "
+                          "publisher, waiting up to result-wait for them; choose it when every result matters. "
+                          "Combined records (taggroups=uni) carry their own pairing either way.",
+                          QX_TYPE_EDGESRC_PAIRING, QX_EDGESRC_PAIRING_COMPATIBLE, setupFlags));
+    g_object_class_install_property(
+        gobject_class, PROP_RESULT_WAIT,
+        g_param_spec_uint("result-wait", "Result wait",
+                          "frame-id pairing: how long (ms) a frame waits for results that have not arrived; "
+                          "results that come later are dropped and counted",
+                          1, 60000, 200, setupFlags));
+    g_object_class_install_property(
+        gobject_class, PROP_STATS,
+        g_param_spec_boxed("stats", "Statistics",
+                           "Counters of the pairing: frames received, delivered, dropped and incomplete, results "
+                           "matched, late and dropped, publisher restarts (frame-id); buffers pushed (both)",
+                           GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 
     gst_element_class_add_static_pad_template(element_class, &src_template);
     gst_element_class_set_static_metadata(element_class, "QUORIX Kelpkit source", "Source/Video",
@@ -148,6 +171,12 @@ static void qx_edgesrc_set_property(GObject *object, guint prop_id, const GValue
     case PROP_SYNCMESSAGE:
         priv->ImageReceiver.synchronizer.SetWorkerMessageFlag(g_value_get_boolean(value));
         break;
+    case PROP_PAIRING:
+        priv->pairingMode = static_cast<QxEdgeSrcPairing>(g_value_get_enum(value));
+        break;
+    case PROP_RESULT_WAIT:
+        priv->resultWaitMs = g_value_get_uint(value);
+        break;
     case PROP_CONTEXT_ID: {
         const gchar *text = g_value_get_string(value);
         priv->context_id = text ? text : "";
@@ -180,6 +209,15 @@ static void qx_edgesrc_get_property(GObject *object, guint prop_id, GValue *valu
         break;
     case PROP_CONTEXT_ID:
         g_value_set_string(value, priv->context_id.c_str());
+        break;
+    case PROP_PAIRING:
+        g_value_set_enum(value, priv->pairingMode);
+        break;
+    case PROP_RESULT_WAIT:
+        g_value_set_uint(value, priv->resultWaitMs);
+        break;
+    case PROP_STATS:
+        g_value_take_boxed(value, pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load()));
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
@@ -255,6 +293,15 @@ static bool edge_subscribe(QxEdgeSrc *src) {
             priv->edge = Edge::create(configFile, propertyFile, thingClassFile,
                                       {"definitions/TagGroup/com.vision.data/IXOPipeTagGroup.json"}, priv->context_id);
             if (priv->edge) startFrameReader<TOLVIXO::UniInfo>(priv->edge, &priv->ImageReceiver, priv->context_id);
+        } else if (priv->pairingMode == QX_EDGESRC_PAIRING_FRAME_ID) {
+            // The engine takes the records the synchroniser would; it is ready
+            // before the first reader starts.
+            priv->pairing = makePairingEngine(priv->taggroups, priv->resultWaitMs);
+            priv->ImageReceiver.pairing = priv->pairing.get();
+            priv->edge =
+                Edge::create(configFile, propertyFile, thingClassFile,
+                             {"definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json"}, priv->context_id);
+            if (priv->edge) startFrameReader<TOLVIXO::FrameInfo>(priv->edge, &priv->ImageReceiver, priv->context_id);
         } else {
             priv->ImageReceiver.synchronizer.Start();
             priv->edge =
@@ -294,9 +341,10 @@ static bool takeFirstFrameSize(QxEdgeSrc *src) {
     int width = 0;
     int height = 0;
     {
+        // Kept by the receiver for every frame, whichever way frames are paired.
         std::lock_guard<std::mutex> queueLock(m);
-        width = receiver.image.cols;
-        height = receiver.image.rows;
+        width = receiver.width;
+        height = receiver.height;
     }
     if (width == 0 || height == 0) return false;
     src->width_to_set = width;
@@ -366,6 +414,18 @@ static void resetForRestart(QxEdgeSrc *src) {
     QxEdgeSrcPrivate *priv = src->priv;
     priv->ImageReceiver.synchronizer.Stop();
     priv->ImageReceiver.reset();
+    if (priv->pairing) {
+        GstStructure *stats = pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load());
+        gchar *text = gst_structure_to_string(stats);
+        GST_INFO_OBJECT(src, "pairing: %s", text);
+        g_free(text);
+        gst_structure_free(stats);
+        // The readers are joined (the connection is closed): nothing pushes any more.
+        priv->ImageReceiver.pairing = nullptr;
+        priv->pairing.reset();
+    }
+    priv->current = SynchronizedData{};
+    priv->buffersPushed = 0;
     priv->subscribed = false;
     {
         std::lock_guard<std::mutex> lock(qxedgesrc_mutex);
@@ -651,6 +711,7 @@ static GstFlowReturn qx_edge_src_fill(GstPushSrc *psrc, GstBuffer *buffer) {
         gst_buffer_set_size(buffer, static_cast<gssize>(bytes));
     }
 
+    src->priv->buffersPushed++;
     GST_BUFFER_OFFSET(buffer) = src->accum_frames + src->n_frames;
     GST_BUFFER_OFFSET_END(buffer) = GST_BUFFER_OFFSET(buffer) + 1;
     if (src->reverse)

@@ -15,6 +15,7 @@
 
 #include "modelloader.h"
 #include "qxedgesrc.h"
+#include "qxedgesrc_pairing.h"
 #include "receiver.h"
 
 GST_DEBUG_CATEGORY_EXTERN(qx_edgesrc_debug);
@@ -30,6 +31,16 @@ struct QxEdgeSrcPrivate {
     cv::Mat image;
     bool subscribed = false;
     bool uni = false;
+
+    // Pairing of separate tag groups. The engine exists from subscription
+    // (NULL to READY) to READY to NULL in frame-id mode only.
+    QxEdgeSrcPairing pairingMode = QX_EDGESRC_PAIRING_COMPATIBLE;
+    guint resultWaitMs = 200;
+    std::unique_ptr<PairingEngine> pairing;
+    // The entry being delivered, in frame-id mode: the working image shows
+    // its picture bytes in place until the next one.
+    SynchronizedData current;
+    std::atomic<guint64> buffersPushed{0};
 
     // Set while the base class asks this element to stop waiting (flush,
     // stop). Each element has its own: stopping one source never cuts short

@@ -91,6 +91,10 @@ Edge::Edge(std::string configUri_, std::string thingPropertiesUri_, std::string 
       edgeProperty(std::move(edgeProperty_)), bus(Marlet::getInstance("config=" + configUri)) {
     thing = createThing(tagGroupUris, thingClassUri, thingPropertiesUri, true);
     thingId = thing.getId();
+    // The session is named after its first main thing; every thing it makes
+    // writes that name, so subscribers see one publisher.
+    sessionId = thingId;
+    thing.joinSession(sessionId);
 }
 
 Edge::~Edge() {
@@ -141,6 +145,7 @@ Edge::Thing Edge::createThing(const std::vector<std::string> &tagGroupUris_, con
         std::cout << "Load Thing Properties failed." << std::endl;
     }
     Thing created = bus.createThing(properties);
+    if (!sessionId.empty()) created.joinSession(sessionId);
     std::cout << "[" << created.getId() << "] Init flow " << created.getContextId() << " done" << std::endl;
     return created;
 }

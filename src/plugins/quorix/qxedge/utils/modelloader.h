@@ -20,6 +20,7 @@
 #include "marlet/marlet.h"
 
 #include "frame_information.h"
+#include "pairing.h"
 #include "uni_information.h"
 
 class ReceiveImage;
@@ -75,6 +76,8 @@ struct Edge {
     std::string thingClassUri;
     std::vector<std::string> tagGroupUris;
     std::string thingId;
+    // Names this session as a publisher in every sample its things write.
+    std::string sessionId;
     std::string edgeProperty;
     std::atomic<bool> stopRequested{false};
     // Readers add and remove 3 each: only zero versus non-zero matters, and
@@ -121,6 +124,22 @@ template <typename R> R decodeSample(Edge::Sample &sample) {
 }
 
 void printCaught(const std::exception &e);
+
+// Receivers that take a record with the publisher that sent it get it moved,
+// with that publisher; others get callback(record).
+template <typename Receiver, typename R, typename = void> struct TakesOrigin : std::false_type {};
+template <typename Receiver, typename R>
+struct TakesOrigin<Receiver, R,
+                   std::void_t<decltype(std::declval<Receiver &>().receive(
+                       std::declval<R &&>(), std::declval<const PublisherKey &>()))>> : std::true_type {};
+
+template <typename Receiver, typename R> void deliver(Receiver &receiver, R &&record, const Edge::Sample &sample) {
+    if constexpr (TakesOrigin<Receiver, R>::value) {
+        receiver.receive(std::move(record), PublisherKey{sample.getSessionId(), sample.getFlowId()});
+    } else {
+        receiver.callback(record);
+    }
+}
 
 // Keeps activeReaders raised for as long as a reader body runs, whichever way it leaves.
 class ReaderCount {
@@ -169,7 +188,7 @@ template <typename Receiver, typename R> void Edge::read(Receiver *receiver, Thi
             auto samples = selector.read<std::vector<IOT_NVP>>(1000);
             for (auto &sample : samples) {
                 R record = edge_detail::decodeSample<R>(sample);
-                receiver->callback(record);
+                edge_detail::deliver(*receiver, std::move(record), sample);
             }
         } catch (const std::exception &e) {
             // The rest of the batch is dropped; later batches are not.

@@ -316,6 +316,42 @@ void ReceiveImage::callback(const TOLVIXO::UniInfo &uniInfo) {
     synchronizer.syncPool.synchronizedVec.push_back(std::move(entry));
 }
 
+void ReceiveImage::receive(TOLVIXO::FrameInfo &&frameInfo, const PublisherKey &from) {
+    if (pairing == nullptr) return callback(frameInfo);
+    if (!hasPicture(frameInfo)) return;
+    {
+        // The element negotiates the size of the first frame.
+        std::lock_guard<std::mutex> lock(m);
+        width = static_cast<int>(frameInfo.width);
+        height = static_cast<int>(frameInfo.height);
+    }
+    pairing->push(from, std::move(frameInfo));
+}
+
+template <typename Record> void ReceiveImage::receiveResult(Record &&record, const PublisherKey &from) {
+    if (pairing == nullptr) return callback(record);
+    pairing->push(from, std::move(record));
+}
+
+void ReceiveImage::receive(TOLVIXO::DeviceInfo &&deviceInfo, const PublisherKey &from) {
+    receiveResult(std::move(deviceInfo), from);
+}
+
+void ReceiveImage::receive(TOLVIXO::Information<TOLVIXO::ClassificationData> &&classification,
+                           const PublisherKey &from) {
+    receiveResult(std::move(classification), from);
+}
+
+void ReceiveImage::receive(TOLVIXO::Information<TOLVIXO::DetectionBoxData> &&detectionBox, const PublisherKey &from) {
+    receiveResult(std::move(detectionBox), from);
+}
+
+void ReceiveImage::receive(TOLVIXO::SegmentInfo &&segmentInfo, const PublisherKey &from) {
+    receiveResult(std::move(segmentInfo), from);
+}
+
+void ReceiveImage::receive(TOLVIXO::UniInfo &&uniInfo, const PublisherKey &) { callback(uniInfo); }
+
 void ReceiveImage::reset() {
     synchronizer.Clear();
     std::lock_guard<std::mutex> lock(m);

@@ -15,6 +15,7 @@
 #include <opencv2/core.hpp>
 
 #include "frame_information.h"
+#include "pairing.h"
 #include "synchronized_data.h"
 #include "uni_information.h"
 
@@ -124,6 +125,22 @@ class ReceiveImage {
     // stopped, and what it delivers after a restart must arrive after it.
     void reset();
 
+    // Frame-exact pairing. When set (by the element, which owns the engine),
+    // the records of separate tag groups go to it, moved, with the publisher
+    // that sent them, instead of the synchroniser; the picture is not decoded
+    // here, only its size is kept. Without it, receive() is callback().
+    // Combined records carry their own pairing and take callback() either way.
+    PairingEngine *pairing = nullptr;
+    void receive(TOLVIXO::FrameInfo &&frameInfo, const PublisherKey &from);
+    void receive(TOLVIXO::DeviceInfo &&deviceInfo, const PublisherKey &from);
+    void receive(TOLVIXO::Information<TOLVIXO::ClassificationData> &&classification, const PublisherKey &from);
+    void receive(TOLVIXO::Information<TOLVIXO::DetectionBoxData> &&detectionBox, const PublisherKey &from);
+    void receive(TOLVIXO::SegmentInfo &&segmentInfo, const PublisherKey &from);
+    void receive(TOLVIXO::UniInfo &&uniInfo, const PublisherKey &from);
+
     // Splits a combined record into one entry, taken from its first frame and first device.
     static SynchronizedData parser(const TOLVIXO::UniInfo &uniInfo);
+
+  private:
+    template <typename Record> void receiveResult(Record &&record, const PublisherKey &from);
 };

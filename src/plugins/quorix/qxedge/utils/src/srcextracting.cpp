@@ -70,6 +70,15 @@ gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *met
         // same process must not end this wait. Ending without an entry leaves
         // the buffer unfilled, and the caller must not push it.
         bool extracted = false;
+        if (PairingEngine *engine = src->priv->pairing.get()) {
+            // Woken by the engine when a frame is released; the timeout only
+            // bounds how long a stop waits to be seen.
+            while (!extracted && !qx_edgesrc_reading_stopped(src) && !qx_edgesrc_flushing(src)) {
+                SynchronizedData entry;
+                if (engine->pop(entry, std::chrono::milliseconds(50)))
+                    extracted = extractPairedEntry(src, frame, meta, std::move(entry));
+            }
+        }
         while (!extracted && !qx_edgesrc_reading_stopped(src) && !qx_edgesrc_flushing(src)) {
             sleepMillisecond();
             if (!receiverHasPicture(receiver)) continue;
@@ -85,6 +94,25 @@ gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *met
     }
 }
 
+namespace {
+bool convertInto(QxEdgeSrc *src, GstVideoFrame *frame, cv::Mat &image, bool rawOnBus, std::uint32_t frameId);
+
+// The frame's picture as the record holds it (decoded where it is compressed).
+bool takePicture(QxEdgeSrc *src, const TOLVIXO::FrameInfo &record, cv::Mat &image) {
+    try {
+        record.ToMat(image);
+    } catch (const std::exception &e) {
+        // A frame whose bytes do not match its size came off the bus: drop
+        // it and wait for the next one rather than stop the stream.
+        GST_WARNING_OBJECT(src, "Dropped frame %u that does not decode: %s", record.frame_id, e.what());
+        return false;
+    }
+    // The encoded bytes that the picture conversion placed in the image.
+    src->compressed_size = static_cast<guint>(std::min<std::size_t>(record.size, record.data.size()));
+    return true;
+}
+} // namespace
+
 bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, ReceiveImage &receiver, GstBuffer *) {
     const std::size_t queued = queuedEntries(receiver);
     if (queued == 0) return false;
@@ -98,21 +126,38 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
         std::lock_guard<std::mutex> extractLock(extract_mutex);
         SynchronizedData entry;
         if (!takeFrontEntry(receiver, entry)) return false;
-        try {
-            entry.frameInfo.ToMat(image);
-        } catch (const std::exception &e) {
-            // A frame whose bytes do not match its size came off the bus: drop
-            // it and wait for the next one rather than stop the stream.
-            GST_WARNING_OBJECT(src, "Dropped frame %u that does not decode: %s", entry.frameInfo.frame_id, e.what());
-            return false;
-        }
-        // The encoded bytes that the picture conversion placed in the image.
+        if (!takePicture(src, entry.frameInfo, image)) return false;
         rawOnBus = entry.frameInfo.compression.find("NONE") != std::string::npos;
         frameId = entry.frameInfo.frame_id;
-        src->compressed_size =
-            static_cast<guint>(std::min<std::size_t>(entry.frameInfo.size, entry.frameInfo.data.size()));
         extractInfo2Meta(meta, &entry);
     }
+    return convertInto(src, frame, image, rawOnBus, frameId);
+}
+
+bool extractPairedEntry(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, SynchronizedData &&entry) {
+    QxEdgeSrcPrivate *priv = src->priv;
+    // The entry is kept until the next one: the picture is read where the bus
+    // sample's bytes were moved to, and copied once, by the conversion into
+    // the buffer.
+    priv->current = std::move(entry);
+    const TOLVIXO::FrameInfo &picture = priv->current.frameInfo;
+    const std::size_t rawBytes = static_cast<std::size_t>(picture.width) * picture.height * 3;
+    const bool raw = picture.compression.find("NONE") != std::string::npos;
+    priv->image.release();
+    if (raw && rawBytes != 0 && picture.data.size() >= rawBytes) {
+        priv->image = cv::Mat(static_cast<int>(picture.height), static_cast<int>(picture.width), CV_8UC3,
+                              const_cast<unsigned char *>(picture.data.data()));
+        src->compressed_size = static_cast<guint>(std::min<std::size_t>(picture.size, picture.data.size()));
+    } else if (!takePicture(src, picture, priv->image)) {
+        return false;
+    }
+    extractInfo2Meta(meta, &priv->current);
+    return convertInto(src, frame, priv->image, raw, picture.frame_id);
+}
+
+namespace {
+
+bool convertInto(QxEdgeSrc *src, GstVideoFrame *frame, cv::Mat &image, bool rawOnBus, std::uint32_t frameId) {
     if (image.empty()) {
         GST_WARNING_OBJECT(src, "Dropped a frame without a picture.");
         return false;
@@ -167,6 +212,8 @@ bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, Receive
     }
     return true;
 }
+
+} // namespace
 
 std::vector<std::vector<quorix::ai::SegmentResult>> segmentRows(const TOLVIXO::SegmentInfo &segment,
                                                                 std::size_t maxEntries) {

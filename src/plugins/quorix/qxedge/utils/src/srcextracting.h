@@ -25,6 +25,10 @@ gboolean qx_edge_receive_data(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *met
 // Takes one entry off the output queue; false when none is queued.
 bool extractingData(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, ReceiveImage &receiver, GstBuffer *buffer);
 
+// Writes an entry of the frame-exact pairing into frame and meta; the entry is
+// kept by the element until the next one. False when its picture is unusable.
+bool extractPairedEntry(QxEdgeSrc *src, GstVideoFrame *frame, GstMeta *meta, SynchronizedData &&entry);
+
 // Fills the batch metadata from one synchronised entry.
 void extractInfo2Meta(GstMeta *meta, SynchronizedData *entry);
 
