@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <future>
+
 #include <opencv2/imgproc.hpp>
 
 #include "src_expected.h"
@@ -147,6 +150,49 @@ INSTANTIATE_TEST_SUITE_P(
                       DeliveryCase{"I420_321x241", "I420", "uni", "uni", 321, 241},
                       DeliveryCase{"NV12_321x241", "NV12", "uni", "uni", 321, 241}),
     [](const ::testing::TestParamInfo<DeliveryCase> &info) { return std::string(info.param.name); });
+
+// Frame-exact pairing across processes, separate tag groups, 600 frames at 30
+// fps: every frame arrives once, in order, carrying exactly the results the
+// publisher attached to it. A second source in this process pairs the same
+// stream with the synchroniser; its share of frames with all their own
+// results is printed, not asserted (that walk can lose results for a while).
+TEST(SrcFrameId, EveryFrameOnceInOrderWithItsOwnResults) {
+    constexpr int kFrames = 600;
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber exact(std::string("pairing=frame-id taggroups=") + srcexpect::kResultGroups, capsFor("BGR"));
+    Subscriber compatible(std::string("taggroups=") + srcexpect::kResultGroups, capsFor("BGR"));
+    exact.start();
+    compatible.start();
+    auto publisher = srctest::startPublisher(root, {"BGR", kFrames, "exact"});
+    auto compatibleRun = std::async(std::launch::async, [&] { return collect(compatible, *publisher, kFrames - 1); });
+    const auto received = collect(exact, *publisher, kFrames - 1);
+    EXPECT_EQ(publisher->wait(60s), 0) << publisher->err();
+
+    auto whole = [](const Received &r) {
+        return r.frames.size() == 1 && !r.bgr.empty() &&
+               srcexpect::sameWithResults(r.frames.front(), srcexpect::frame(r.frames.front().frame_id, "exact",
+                                                                             kWidth, kHeight)) &&
+               r.devices.size() == 1 && same(r.devices.front(), srcexpect::device());
+    };
+    ASSERT_EQ(received.size(), static_cast<std::size_t>(kFrames));
+    for (int i = 0; i < kFrames; ++i) {
+        ASSERT_EQ(received[i].frames.size(), 1u);
+        ASSERT_EQ(received[i].frames.front().frame_id, i) << "frames out of order, repeated or skipped";
+        EXPECT_TRUE(whole(received[i])) << "frame " << i << " without its own results";
+    }
+    GstStructure *stats = nullptr;
+    g_object_get(exact.source(), "stats", &stats, nullptr);
+    guint64 matched = 0;
+    ASSERT_TRUE(stats != nullptr && gst_structure_get_uint64(stats, "results-matched", &matched));
+    gst_structure_free(stats);
+    EXPECT_EQ(matched, 3u * kFrames) << "stats do not count the results paired";
+
+    const auto compatibleReceived = compatibleRun.get();
+    const auto withAll = std::count_if(compatibleReceived.begin(), compatibleReceived.end(), whole);
+    std::printf("[ compatible ] %zu buffers, %ld of %d frames with all their own results\n",
+                compatibleReceived.size(), static_cast<long>(withAll), kFrames);
+}
 
 // A source under one context id takes nothing published under another; the
 // frames of the other flow would otherwise be queued and delivered first.

@@ -50,6 +50,7 @@ class Subscriber {
     bool eos() const;
     GstStateChangeReturn stop();
     GstElement *pipeline() const { return pipeline_; }
+    GstElement *source() const { return source_; }
 
   private:
     GstElement *pipeline_ = nullptr;

@@ -29,7 +29,7 @@ using Totals = std::array<std::uint64_t, 7>;
 
 struct PairingCase {
     const char *name;
-    const char *kinds; // the kinds a frame waits for
+    const char *kinds; // the kinds a frame waits for ("v": its publisher's device)
     const char *script;
     const char *released;
     Totals totals;
@@ -94,6 +94,7 @@ TEST_P(PairingTest, ReleasesEachFrameOnceInOrderWithItsOwnResults) {
     settings.needClassification = std::strchr(c.kinds, 'c') != nullptr;
     settings.needDetection = std::strchr(c.kinds, 'd') != nullptr;
     settings.needSegmentation = std::strchr(c.kinds, 's') != nullptr;
+    settings.needDevice = std::strchr(c.kinds, 'v') != nullptr;
     std::tie(settings.maxFramesPerPublisher, settings.maxResultsPerKind, settings.outputLimit, settings.maxPublishers) =
         std::tuple_cat(c.limits);
     std::chrono::steady_clock::time_point now{};
@@ -138,6 +139,8 @@ const PairingCase kRows[] = {
     {"results after their frame, one twice", "cds", "f1 c1 d1 c1 s1", "A1:cds", {1, 0, 0, 3, 0, 1, 0}},
     {"missing kind: out when the wait ends, then late", "cd", "f1 c1 +99 +1 d1 +100", "A1:c", {1, 0, 1, 1, 1, 0, 0}},
     {"one late result, then on-time ones", "c", "f1 +100 c1 f2 c2 c3 f3 +100", "A1: A2:c A3:c", {3, 0, 1, 2, 1, 0, 0}},
+    // The first frame waits for the publisher's first device record, later ones do not.
+    {"device awaited once", "cv", "c1 f1 vX c2 f2", "A1:c/X A2:c/X", {2, 0, 0, 2, 0, 0, 0}},
     {"result waits for its frame only so long", "c", "c1 +2000 f1 +100", "A1:", {1, 0, 1, 0, 0, 1, 0}},
     {"backlog of 50 frames", "cd", "f1-50 c1-50 d1-50", "A1-50:cd", {50, 0, 0, 100, 0, 0, 0}, {64, 256, 64, 16}},
     // c5 came before the old run's last frame; c1 of the new run after it.

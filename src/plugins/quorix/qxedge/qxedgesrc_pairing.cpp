@@ -31,6 +31,9 @@ std::unique_ptr<PairingEngine> makePairingEngine(const std::vector<std::string> 
         case hash_("SegmentationData"):
             settings.needSegmentation = true;
             break;
+        case hash_("DeviceInfoData"):
+            settings.needDevice = true;
+            break;
         default:
             break;
         }

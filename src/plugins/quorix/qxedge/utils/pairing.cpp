@@ -51,6 +51,7 @@ struct Publisher {
     std::deque<WaitingFrame> frames; // ascending frame ids: one run, in arrival order
     std::tuple<ResultQueue<Classification>, ResultQueue<Detection>, ResultQueue<Segmentation>> results;
     TOLVIXO::DeviceInfo device;
+    bool hasDevice = false;
     bool running = false; // a frame of the current run has been seen
     std::uint32_t highest = 0;
     std::uint64_t lastFrameArrival = 0;
@@ -99,9 +100,9 @@ struct PairingEngine::State {
         return found->second;
     }
 
-    bool complete(const WaitingFrame &frame) const {
+    bool complete(const Publisher &publisher, const WaitingFrame &frame) const {
         return (!settings.needClassification || frame.has[0]) && (!settings.needDetection || frame.has[1]) &&
-               (!settings.needSegmentation || frame.has[2]);
+               (!settings.needSegmentation || frame.has[2]) && (!settings.needDevice || publisher.hasDevice);
     }
 
     // Releases the publisher's frames from the front while they are complete or
@@ -109,7 +110,7 @@ struct PairingEngine::State {
     void releaseDue(Publisher &publisher, TimePoint now, bool all = false) {
         while (!publisher.frames.empty()) {
             WaitingFrame &front = publisher.frames.front();
-            const bool done = complete(front);
+            const bool done = complete(publisher, front);
             if (!all && !done && now < front.deadline) return;
             if (!done) ++counters.framesIncomplete;
             front.entry.deviceInfo = publisher.device;
@@ -261,8 +262,21 @@ void PairingEngine::push(const PublisherKey &key, TOLVIXO::FrameInfo &&frame) {
 }
 
 void PairingEngine::push(const PublisherKey &key, TOLVIXO::DeviceInfo &&device) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    state_->touch(key).device = std::move(device);
+    bool released = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Publisher &publisher = state_->touch(key);
+        publisher.device = std::move(device);
+        // A publisher's first device record can complete frames that waited for it.
+        const bool first = !publisher.hasDevice;
+        publisher.hasDevice = true;
+        if (first) {
+            const std::uint64_t before = state_->released;
+            state_->releaseDue(publisher, clock_());
+            released = state_->released != before;
+        }
+    }
+    if (released) wake_.notify_one();
 }
 
 template <typename Result> void PairingEngine::pushResult(const PublisherKey &key, Result &&result) {

@@ -9,7 +9,8 @@
 //   flow that sent it. A frame is paired only with results that carry its
 //   frame id and the same key; the device record a frame gets is the latest
 //   one of its key, taken when the frame is released (the device record is not
-//   per frame). At most maxPublishers keys are remembered: a record from a new
+//   per frame). With needDevice, a publisher's frames also wait, as for a
+//   missing kind, until its first device record has come. At most maxPublishers keys are remembered: a record from a new
 //   key beyond that forgets the least recently active one, dropping its waiting
 //   frames and results (counted).
 // - Release. A waiting frame is released once every needed kind has arrived
@@ -80,6 +81,7 @@ struct PairingSettings {
     bool needClassification = false;
     bool needDetection = false;
     bool needSegmentation = false;
+    bool needDevice = false;
     // How long a frame waits for missing kinds, from its arrival; also how long
     // a late-looking result is held.
     std::chrono::milliseconds resultWait{100};
