@@ -1,7 +1,8 @@
 #!/bin/sh
 # End to end: raw 1920x1080 I420 frames between two processes on 127.0.0.1,
-# qxedgesink -> bus -> qxedgesrc beside gdppay ! tcpclientsink -> tcpserversrc ! gdpdepay
-# in the same run. Prints each figure and the ratio qxedge / gdp.
+# qxedgesink -> bus -> qxedgesrc (default pairing, and pairing=frame-id) beside
+# gdppay ! tcpclientsink -> tcpserversrc ! gdpdepay in the same run. Prints each
+# figure and the ratios qxedge / gdp.
 #
 #   bench/elements/e2e_bench.sh [build dir]     (E2E_SECONDS=60 sets the paced run's length)
 #
@@ -20,13 +21,14 @@ python3 - "$OUT" <<'PY'
 import json, sys
 runs = {b["name"].split("/iterations")[0]: b for b in json.load(open(sys.argv[1]))["benchmarks"]}
 keys = ["fps", "lat_med_ms", "lat_p99_ms", "received", "lost", "duplicates", "pub_cpu_s", "sub_cpu_s", "pub_rss_mb", "sub_rss_mb"]
+def ratio(a, b):
+    return f"{a / b:8.2f}" if b else "       -"
 for mode in ("BM_Throughput", "BM_Paced"):
-    q, g = runs.get(mode + "/qxedge"), runs.get(mode + "/gdp")
-    if not q or not g:
+    q, f, g = runs.get(mode + "/qxedge"), runs.get(mode + "/frameid"), runs.get(mode + "/gdp")
+    if not q or not f or not g:
         print(mode, "missing a run"); continue
-    print(f"{mode}: {'figure':<12} {'qxedge':>10} {'gdp/tcp':>10} {'ratio':>8}")
+    print(f"{mode}: {'figure':<12} {'compatible':>10} {'frame-id':>10} {'gdp/tcp':>10} {'c/gdp':>8} {'f/gdp':>8}")
     for k in keys:
-        a, b = q.get(k, 0.0), g.get(k, 0.0)
-        ratio = f"{a / b:8.2f}" if b else "       -"
-        print(f"{'':>{len(mode)+1}} {k:<12} {a:10.2f} {b:10.2f} {ratio}")
+        a, b, c = q.get(k, 0.0), f.get(k, 0.0), g.get(k, 0.0)
+        print(f"{'':>{len(mode)+1}} {k:<12} {a:10.2f} {b:10.2f} {c:10.2f} {ratio(a, c)} {ratio(b, c)}")
 PY

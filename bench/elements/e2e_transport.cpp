@@ -5,6 +5,8 @@
 // CPU time and peak memory are measured apart (wait4).
 //
 // Benchmarks (one iteration each, figures as counters):
+// Peers: qxedge (qxedgesrc in its default pairing), frameid (pairing=frame-id),
+// gdp (GStreamer's GDP over TCP).
 //   Throughput/<peer>: frames published as fast as the publisher goes.
 //   Paced/<peer>:      frames at 30 per second for E2E_SECONDS (default 60).
 // Counters: fps delivered (distinct frames), latency median and 99th percentile (publish stamp
@@ -134,7 +136,7 @@ GstElement *launch(const std::string &description) {
 }
 
 int runPublisher(const std::map<std::string, std::string> &args) {
-    const bool qxedge = args.at("peer") == "qxedge";
+    const bool qxedge = args.at("peer") != "gdp";
     const std::string frames = args.at("frames");
     const std::string fps = args.at("fps");
     const bool paced = fps != "0";
@@ -167,11 +169,12 @@ int runPublisher(const std::map<std::string, std::string> &args) {
 }
 
 int runSubscriber(const std::map<std::string, std::string> &args) {
-    const bool qxedge = args.at("peer") == "qxedge";
+    const bool qxedge = args.at("peer") != "gdp";
     const int expected = std::atoi(args.at("frames").c_str());
     std::string description;
     if (qxedge)
-        description = "qxedgesrc ! video/x-raw,format=I420,width=1920,height=1080,framerate=30/1";
+        description = std::string("qxedgesrc") + (args.at("peer") == "frameid" ? " pairing=frame-id" : "") +
+                      " ! video/x-raw,format=I420,width=1920,height=1080,framerate=30/1";
     else
         description = "tcpserversrc host=127.0.0.1 port=" + args.at("port") +
                       " ! gdpdepay ! video/x-raw,format=I420,width=1920,height=1080";
@@ -184,9 +187,9 @@ int runSubscriber(const std::map<std::string, std::string> &args) {
     gst_object_unref(pad);
 
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) return 4;
-    // qxedgesrc holds READY to PAUSED until the first frame, so PLAYING is set from a thread of its own.
-    std::thread starter([pipeline] { gst_element_set_state(pipeline, GST_STATE_PLAYING); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // tcpserversrc listens once PAUSED begins
+    // Both sources complete PAUSED only once data comes (tcpserversrc listens from the start of it).
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     std::ofstream(args.at("ready")) << "ready\n";
 
     // Drain the appsink; finish when every frame came or nothing came for a while.
@@ -204,7 +207,6 @@ int runSubscriber(const std::map<std::string, std::string> &args) {
         if (idle > std::chrono::seconds(seen == 0 ? 60 : 4)) break;
     }
     gst_element_set_state(pipeline, GST_STATE_NULL);
-    starter.join();
     gst_object_unref(sink);
     gst_object_unref(pipeline);
 
@@ -348,8 +350,10 @@ void BM_Throughput(benchmark::State &state, const char *peer) { runTransfer(stat
 void BM_Paced(benchmark::State &state, const char *peer) { runTransfer(state, peer, 30 * pacedSeconds(), 30); }
 
 BENCHMARK_CAPTURE(BM_Throughput, qxedge, "qxedge")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+BENCHMARK_CAPTURE(BM_Throughput, frameid, "frameid")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_Throughput, gdp, "gdp")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_Paced, qxedge, "qxedge")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+BENCHMARK_CAPTURE(BM_Paced, frameid, "frameid")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_Paced, gdp, "gdp")->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 } // namespace

@@ -74,8 +74,8 @@ cv::Mat createYUVI420p(int width, int height, const unsigned char *y, const unsi
     return yuv;
 }
 
-cv::Mat YUV420p2BGR888(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
-                       int strideY, int strideCbCr) {
+void I420ToBgrInto(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
+                   int strideY, int strideCbCr, cv::Mat &bgr) {
     if ((width | height) & 1) {
         const int w = evenUp(width);
         const int h = evenUp(height);
@@ -86,16 +86,20 @@ cv::Mat YUV420p2BGR888(int width, int height, const unsigned char *y, const unsi
         unsigned char *vPlane = uPlane + (w / 2) * (h / 2);
         copyPadded(uPlane, w / 2, h / 2, u, strideCbCr, width / 2, height / 2, 1, 128);
         copyPadded(vPlane, w / 2, h / 2, v, strideCbCr, width / 2, height / 2, 1, 128);
-        return convertPadded(yuv, cv::COLOR_YUV2BGR_I420, width, height);
+        convertPadded(yuv, cv::COLOR_YUV2BGR_I420, width, height).copyTo(bgr);
+        return;
     }
-    const cv::Mat yuv = createYUVI420p(width, height, y, u, v, strideY, strideCbCr);
-    cv::Mat bgr(height, width, CV_8UC3);
+    // Planes that already lie one after the other without padding (a video
+    // frame's usual layout) are converted where they are.
+    const int chromaBytes = (width / 2) * (height / 2);
+    const bool packed = strideY == width && strideCbCr == width / 2 && u == y + width * height && v == u + chromaBytes;
+    const cv::Mat yuv = packed ? cv::Mat(height + height / 2, width, CV_8UC1, const_cast<unsigned char *>(y))
+                               : createYUVI420p(width, height, y, u, v, strideY, strideCbCr);
     cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_I420);
-    return bgr;
 }
 
-cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY,
-                       int strideUV) {
+void NV12ToBgrInto(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY, int strideUV,
+                   cv::Mat &bgr) {
     if ((width | height) & 1) {
         const int w = evenUp(width);
         const int h = evenUp(height);
@@ -103,14 +107,32 @@ cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsi
         copyPadded(yuv.data, w, h, y, strideY, width, height, 1, 128);
         // Whole U,V pairs only: an odd width's last pair is the one left out.
         copyPadded(yuv.data + w * h, w, h / 2, uv, strideUV, (width / 2) * 2, height / 2, 2, 128);
-        return convertPadded(yuv, cv::COLOR_YUV2BGR_NV12, width, height);
+        convertPadded(yuv, cv::COLOR_YUV2BGR_NV12, width, height).copyTo(bgr);
+        return;
     }
-    cv::Mat yuv(height + height / 2, width, CV_8UC1);
-    unsigned char *dst = yuv.data;
-    copyRows(dst, width, y, strideY, width, height);
-    copyRows(dst + width * height, width, uv, strideUV, width, height / 2);
-    cv::Mat bgr(height, width, CV_8UC3);
+    const bool packed = strideY == width && strideUV == width && uv == y + width * height;
+    cv::Mat yuv;
+    if (packed) {
+        yuv = cv::Mat(height + height / 2, width, CV_8UC1, const_cast<unsigned char *>(y));
+    } else {
+        yuv.create(height + height / 2, width, CV_8UC1);
+        copyRows(yuv.data, width, y, strideY, width, height);
+        copyRows(yuv.data + width * height, width, uv, strideUV, width, height / 2);
+    }
     cv::cvtColor(yuv, bgr, cv::COLOR_YUV2BGR_NV12);
+}
+
+cv::Mat YUV420p2BGR888(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
+                       int strideY, int strideCbCr) {
+    cv::Mat bgr(height, width, CV_8UC3);
+    I420ToBgrInto(width, height, y, u, v, strideY, strideCbCr, bgr);
+    return bgr;
+}
+
+cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY,
+                       int strideUV) {
+    cv::Mat bgr(height, width, CV_8UC3);
+    NV12ToBgrInto(width, height, y, uv, strideY, strideUV, bgr);
     return bgr;
 }
 
@@ -165,8 +187,7 @@ struct Planar {
     int chromaRows = 0;
 };
 
-Planar convertIntoLuma(const cv::Mat &image, int frameWidth, int frameHeight, int code, unsigned char *y,
-                       int strideY) {
+Planar convertIntoLuma(const cv::Mat &image, int frameWidth, int frameHeight, int code, unsigned char *y, int strideY) {
     Planar planar;
     const cv::Mat even = evenRegion(image, frameWidth, frameHeight);
     if (even.empty()) return planar;
@@ -183,6 +204,16 @@ Planar convertIntoLuma(const cv::Mat &image, int frameWidth, int frameHeight, in
 
 void writeI420Frame(const cv::Mat &image, int frameWidth, int frameHeight, unsigned char *y, int strideY,
                     unsigned char *u, int strideU, unsigned char *v, int strideV) {
+    // A frame of even size whose planes lie one after the other without
+    // padding (the usual layout) is converted into where it is.
+    const int chromaBytes = (frameWidth / 2) * (frameHeight / 2);
+    if (((frameWidth | frameHeight) & 1) == 0 && image.cols == frameWidth && image.rows == frameHeight &&
+        strideY == frameWidth && strideU == frameWidth / 2 && strideV == frameWidth / 2 &&
+        u == y + frameWidth * frameHeight && v == u + chromaBytes) {
+        cv::Mat planes(frameHeight + frameHeight / 2, frameWidth, CV_8UC1, y);
+        cv::cvtColor(image, planes, cv::COLOR_RGB2YUV_I420);
+        return;
+    }
     const Planar p = convertIntoLuma(image, frameWidth, frameHeight, cv::COLOR_RGB2YUV_I420, y, strideY);
     if (p.chroma == nullptr) return;
     copyRows(u, strideU, p.chroma, p.chromaWidth, p.chromaWidth, p.chromaRows);

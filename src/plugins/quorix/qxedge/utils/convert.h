@@ -19,6 +19,14 @@ cv::Mat YUV420p2BGR888(int width, int height, const unsigned char *y, const unsi
 cv::Mat YUVNV122BGR888(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY,
                        int strideUV);
 
+// The two above, into a height x width CV_8UC3 image given by the caller
+// (for instance a header over a record's bytes), so that the picture is
+// written once, where it is wanted.
+void I420ToBgrInto(int width, int height, const unsigned char *y, const unsigned char *u, const unsigned char *v,
+                   int strideY, int strideCbCr, cv::Mat &bgr);
+void NV12ToBgrInto(int width, int height, const unsigned char *y, const unsigned char *uv, int strideY, int strideUV,
+                   cv::Mat &bgr);
+
 // Reads the image as R,G,B and writes I420 planes with the given strides.
 void RGB8882YUVI420p(cv::Mat image, unsigned char *y, unsigned char *u, unsigned char *v, int &strideY,
                      int &strideCbCr);

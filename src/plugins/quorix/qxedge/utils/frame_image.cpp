@@ -5,9 +5,8 @@
 #include <iostream>
 #include <stdexcept>
 
-#include <opencv2/imgcodecs.hpp>
-
 #include "frame_information.h"
+#include "image_codecs.h"
 
 namespace TOLVIXO {
 
@@ -59,8 +58,7 @@ void frameToMat(const std::vector<unsigned char> &data, std::uint32_t width, std
     } else if (compression.find("GST_ENCODED") != std::string::npos) {
         copyEncoded(data, size, out);
     } else if (compression.find("JPG") != std::string::npos) {
-        const cv::Mat encoded(1, static_cast<int>(data.size()), CV_8UC1, const_cast<unsigned char *>(data.data()));
-        out = cv::imdecode(encoded, cv::IMREAD_COLOR);
+        out = decodeImage(data);
     } else {
         // Wording kept: operators' log filters match it.
         std::cerr << "Unsupport image format: " << compression << std::endl;

@@ -4,7 +4,6 @@
 #include "sinkpadding.h"
 
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "convert.h"
+#include "image_codecs.h"
 #include "qxedgesink_private.h"
 #include "utils.h"
 
@@ -42,11 +42,16 @@ std::vector<unsigned char> &pictureOf(QxEdgeSinkPrivate *priv, int toUni) {
     return priv->frameInfo.data;
 }
 
-void copyConverted(const cv::Mat &bgr, int width, int height, std::vector<unsigned char> &data) {
-    const std::size_t rowBytes = static_cast<std::size_t>(width) * 3;
-    for (int r = 0; r < height; ++r) {
-        storeRow(data, static_cast<std::size_t>(r) * rowBytes, bgr.ptr<unsigned char>(r), rowBytes);
+// The record's bytes as a height x width B,G,R image, for the conversion to
+// write into directly; a record too short for it fails the frame as a
+// bounds-checked store would.
+cv::Mat pictureIn(std::vector<unsigned char> &data, int width, int height) {
+    const std::size_t needed = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+    if (needed > data.size()) {
+        throw std::out_of_range("picture of " + std::to_string(needed) + " bytes does not fit " +
+                                std::to_string(data.size()) + " bytes");
     }
+    return cv::Mat(height, width, CV_8UC3, data.data());
 }
 
 template <typename VideoRecord>
@@ -88,6 +93,22 @@ Edge &sessionOf(QxEdgeSinkPrivate *priv) {
         throw std::logic_error("publishing before the bus session was opened");
     }
     return *priv->edge;
+}
+
+// Writes the frame record with its picture lent to the sample rather than
+// copied into it (a 1080p picture is 6 MB); the record gets it back after.
+void writeFrame(Edge &session, const std::string &name, TOLVIXO::FrameInfo &frame) {
+    std::vector<unsigned char> picture = std::move(frame.data);
+    frame.data.clear();
+    TOLVIXO::NvpList pairs = frame.Encode();
+    auto lent = std::find_if(pairs.begin(), pairs.end(), [](const auto &pair) { return pair.name() == "data"; });
+    lent->value().byteSeqRef().swap(picture);
+    struct GiveBack {
+        std::vector<unsigned char> &from;
+        std::vector<unsigned char> &to;
+        ~GiveBack() { to.swap(from); }
+    } giveBack{lent->value().byteSeqRef(), frame.data};
+    session.writeSample(name, pairs);
 }
 
 bool debugDumpsWanted() { return gst_debug_category_get_threshold(GST_CAT_DEFAULT) >= GST_LEVEL_DEBUG; }
@@ -163,8 +184,8 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
         const int strideCbCr = GST_VIDEO_INFO_PLANE_STRIDE(info, 2);
         GST_DEBUG_OBJECT(sink, "strideY = %d", strideY);
         GST_DEBUG_OBJECT(sink, "strideCbCr = %d", strideCbCr);
-        converted = YUV420p2BGR888(width, height, plane(0), plane(1), plane(2), strideY, strideCbCr);
-        copyConverted(converted, width, height, data);
+        converted = pictureIn(data, width, height);
+        I420ToBgrInto(width, height, plane(0), plane(1), plane(2), strideY, strideCbCr, converted);
         debugFile = "./I420.bmp";
         break;
     }
@@ -174,8 +195,8 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
         const int strideCbCr = GST_VIDEO_INFO_PLANE_STRIDE(info, 1);
         GST_DEBUG_OBJECT(sink, "strideY = %d", strideY);
         GST_DEBUG_OBJECT(sink, "strideCbCr = %d", strideCbCr);
-        converted = YUVNV122BGR888(width, height, plane(0), plane(1), strideY, strideCbCr);
-        copyConverted(converted, width, height, data);
+        converted = pictureIn(data, width, height);
+        NV12ToBgrInto(width, height, plane(0), plane(1), strideY, strideCbCr, converted);
         debugFile = "./NV12.bmp";
         break;
     }
@@ -219,7 +240,7 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
         return;
     }
     if (writeDebugImage != 0 && debugFile != nullptr && !converted.empty()) {
-        cv::imwrite(debugFile, converted);
+        TOLVIXO::writeImage(debugFile, converted);
     }
 }
 
@@ -228,7 +249,7 @@ void publishData(QxEdgeSink *sink) {
     for (const std::string &name : priv->taggroups) {
         switch (hash_(name.c_str())) {
         case hash_("VideoFrameData"):
-            sessionOf(priv).writeSample(name, priv->frameInfo.Encode());
+            writeFrame(sessionOf(priv), name, priv->frameInfo);
             if (debugDumpsWanted()) GST_DEBUG_OBJECT(sink, "\n%s", priv->frameInfo.GetString().c_str());
             GST_INFO_OBJECT(sink, "VideoFrameData has wrote to marlet.");
             break;
