@@ -17,6 +17,7 @@ void SelectorState::closeReader() {
     waitset.reset();
     reader.reset();
     subscriber.reset();
+    writers = WriterWatch();
 }
 
 } // namespace detail
@@ -38,13 +39,14 @@ void openReader(detail::SelectorState &s) {
     detail::fillGroupQos(groupQos, partition, thing.userData());
     s.subscriber = detail::Entity(dds_create_subscriber(participant, groupQos.get(), nullptr), "dds_create_subscriber");
     detail::Qos readerQos;
-    detail::fillReaderQos(readerQos, thing.userData());
+    detail::fillReaderQos(readerQos, thing.userData(), s.tagGroup->qos);
     s.reader = detail::Entity(dds_create_reader(s.subscriber.get(), topic, readerQos.get(), nullptr),
                               ("dds_create_reader(" + s.tagGroup->topic + ")").c_str());
     const dds_entity_t condition =
         detail::check(dds_create_readcondition(s.reader.get(), DDS_ANY_STATE), "dds_create_readcondition");
     s.waitset = detail::Entity(dds_create_waitset(participant), "dds_create_waitset");
     detail::check(dds_waitset_attach(s.waitset.get(), condition, 0), "dds_waitset_attach");
+    detail::WriterWatch::attach(s.reader.get(), s.waitset.get());
     s.readerFlow = s.flow;
 }
 
@@ -188,7 +190,10 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
         const dds_duration_t wait = left.count() > 0 ? static_cast<dds_duration_t>(left.count()) : 0;
         const dds_return_t triggered =
             detail::check(dds_waitset_wait(s.waitset.get(), nullptr, 0, wait), "dds_waitset_wait");
-        if (triggered > 0 && takeBatch(s) > 0) return servePending(s);
+        if (triggered > 0) {
+            s.writers.update(s.reader.get(), s.tagGroup->topic, s.thing->participant->goneReports);
+            if (takeBatch(s) > 0) return servePending(s);
+        }
         if (Clock::now() >= deadline) return {};
     }
 }
