@@ -12,6 +12,7 @@ PACKAGES=(
     nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     procps time
+    openssl iproute2
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include <regex>
 #include <sstream>
 
+#include "config_text.h"
 #include "state.h"
 
 namespace com::quorixtech::marlet {
@@ -155,7 +156,7 @@ Marlet Marlet::getInstance(const std::string &args) {
         if ((handle.state_ = it->second.lock())) return handle;
     }
 
-    const std::string xml = readConfig(path);
+    const std::string xml = detail::expandLibraryVariables(readConfig(path), path);
     const int id = domainIdOf(xml, path);
     auto state = std::make_shared<detail::ParticipantState>();
     state->configPath = path;
