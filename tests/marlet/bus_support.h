@@ -5,10 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <fstream>
-
-#include <nlohmann/json.hpp>
-
 #include "marlet/marlet.h"
 
 namespace marlettest {
@@ -34,15 +30,6 @@ inline void registerDefinitions(m::Marlet &bus, const std::string &root) {
         }
     }
     bus.addThingClassRegistry(thingClasses);
-}
-
-// Gives a shipped tag group of the root other QoS; processes started later,
-// and things made after registering the definitions again, use it.
-inline void setQos(const std::string &root, const std::string &file, const std::string &qos) {
-    const std::string path = root + "/definitions/TagGroup/com.vision.data/" + file;
-    nlohmann::json doc = nlohmann::json::parse(std::ifstream(path));
-    doc["tagGroups"][0]["qos"] = nlohmann::json::parse(qos);
-    std::ofstream(path) << doc.dump(2);
 }
 
 inline m::Thing makeThing(m::Marlet &bus, const std::string &thingClass, const std::string &id,

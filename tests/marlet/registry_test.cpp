@@ -125,10 +125,6 @@ TEST(Registries, BrokenTagGroupFilesNameTheFileAndTheFault) {
             {"bad kind", R"({"tagGroups":[{"namespace":"n","name":"x","fields":[{"name":"f","kind":"iotv_double"}]}]})",
              "unknown field kind \"iotv_double\""},
             {"fields not array", R"({"tagGroups":[{"namespace":"n","name":"x","fields":{}}]})", "not an array"},
-            {"bad history", R"({"tagGroups":[{"namespace":"n","name":"x","qos":{"history":"last"}}]})",
-             "\"history\" in \"qos\" of n:x is \"last\", not one of \"keep-last\", \"keep-all\""},
-            {"depth 0", R"({"tagGroups":[{"namespace":"n","name":"x","qos":{"depth":0}}]})",
-             "\"depth\" in \"qos\" of n:x is not a whole number from 1"},
         },
         [&](const std::string &j, const std::string &o) { r.registerTagGroupsFromString(j, o); });
     EXPECT_TRUE(r.tagGroups().empty()); // nothing half-registered
