@@ -3,7 +3,7 @@
 #
 #   DIR/ca.pem, DIR/ca.key        the certificate authority (keep ca.key off the devices)
 #   DIR/governance.p7s            bus-wide rules: only authenticated processes join, discovery,
-#                                 liveliness and every tag group's data are encrypted
+#                                 liveliness and every tag group's samples are encrypted
 #   DIR/<role>/identity.pem       the role's certificate, signed by the CA
 #   DIR/<role>/key.pem            its private key
 #   DIR/<role>/permissions.p7s    what the role may publish and read, signed by the CA
@@ -20,6 +20,10 @@
 #   scripts/make-security.sh common/data_model/security \
 #       results=ClassificationData,DetectionBoxData,SegmentationData,DeviceInfoData
 #
+# Samples are encrypted and authenticated (AES-GCM); the RTPS headers around them
+# are not signed unless QX_SIGN_HEADERS=1 is set, which costs about 4 ms of CPU
+# more per 1080p frame (see docs/benchmarks.md).
+#
 # A process picks its role with IXO_SECURITY_ROLE; see docs/configuration.md.
 # Running the script again over the same DIR keeps the CA (so identities made
 # earlier stay valid) and remakes everything else.
@@ -32,6 +36,8 @@ shift
 here="$(cd "$(dirname "$0")" && pwd)"
 definitions="${QX_TAG_GROUP_DIR:-$here/../common/data_model/definitions/TagGroup}"
 days=3650
+headers=NONE
+[ "${QX_SIGN_HEADERS:-0}" = 1 ] && headers=SIGN
 command -v openssl >/dev/null || { echo "$0: openssl not found (apt-get install openssl)" >&2; exit 1; }
 
 # The DDS topic name of a tag-group topic, as the bus library makes it: '.'
@@ -74,7 +80,7 @@ cat >"$dir/governance.xml" <<EOF
           <enable_liveliness_protection>true</enable_liveliness_protection>
           <enable_read_access_control>true</enable_read_access_control>
           <enable_write_access_control>true</enable_write_access_control>
-          <metadata_protection_kind>SIGN</metadata_protection_kind>
+          <metadata_protection_kind>$headers</metadata_protection_kind>
           <data_protection_kind>ENCRYPT</data_protection_kind>
         </topic_rule>
       </topic_access_rules>
