@@ -63,8 +63,7 @@ domains='<domains><id_range><min>0</min><max>230</max></id_range></domains>'
 
 cat >"$dir/governance.xml" <<EOF
 <?xml version="1.0" encoding="utf-8"?>
-<dds xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance"
-     xsi:noNamespaceSchemaLocation="http://www.omg.org/spec/DDS-SECURITY/20170901/omg_shared_ca_governance.xsd">
+<dds>
   <domain_access_rules>
     <domain_rule>
       $domains
@@ -116,8 +115,7 @@ make_role() {
     # shellcheck disable=SC2086 # the topic lists are words on purpose
     cat >"$out/permissions.xml" <<EOF
 <?xml version="1.0" encoding="utf-8"?>
-<dds xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance"
-     xsi:noNamespaceSchemaLocation="http://www.omg.org/spec/DDS-Security/20170901/omg_shared_ca_permissions.xsd">
+<dds>
   <permissions>
     <grant name="$name">
       <subject_name>CN=$name,O=qxedge bus</subject_name>
@@ -140,8 +138,8 @@ make_role publisher "${all_topics[*]}" ""
 make_role subscriber "" "${all_topics[*]}"
 make_role tool "" "${all_topics[*]}"
 
-for spec in "$@"; do
-    [[ "$spec" =~ ^([A-Za-z0-9_-]+)=(.+)$ ]] || { echo "$0: bad role \"$spec\"" >&2; usage; }
+for extra in "$@"; do
+    [[ "$extra" =~ ^([A-Za-z0-9_-]+)=(.+)$ ]] || { echo "$0: bad role \"$extra\"" >&2; usage; }
     name="${BASH_REMATCH[1]}"
     topics=()
     IFS=',' read -ra groups <<<"${BASH_REMATCH[2]}"
