@@ -182,7 +182,18 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
         throw MarletError("thing \"" + s.thing->id + "\" of class " + s.thing->thingClass + " has no input \"" +
                           s.input + "\" and no tag group of that name is registered");
     }
-    if (!s.reader || s.readerFlow != s.flow) openReader(s);
+    if (!s.reader || s.readerFlow != s.flow) {
+        try {
+            openReader(s);
+        } catch (const DdsError &) {
+            // A reader DDS refuses (one that security does not allow, say) is
+            // refused again on the next read: as for a wrong name, waiting out
+            // the timeout keeps a reader loop from spinning.
+            s.closeReader();
+            std::this_thread::sleep_for(timeout);
+            throw;
+        }
+    }
 
     const auto deadline = Clock::now() + timeout;
     for (;;) {
