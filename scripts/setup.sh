@@ -14,6 +14,7 @@ PACKAGES=(
     python3-dev pybind11-dev python-gi-dev python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
     python3-numpy python3-pytest python3-opencv
     procps time
+    openssl iproute2
 )
 
 missing=()

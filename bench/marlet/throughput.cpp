@@ -43,7 +43,8 @@ int publish(double seconds, double rateHz, std::size_t bytes) {
     frame[1].name("data");
     frame[1].value().iotv_byte_seq(std::vector<std::uint8_t>(bytes, 0x5a));
     out.write("VideoFrameData", frame); // creates the writer, so discovery runs during the pause
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    // Long enough for a secured bus to authenticate the peers and exchange keys.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
 
     const auto start = Clock::now();
     const auto end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));

@@ -2,7 +2,10 @@
 # Full-HD frames over loopback: our publisher/subscriber (Thing::write and a
 # selector) against ddsperf with the same bus configuration, in one run, on a
 # domain of its own. Prints samples/s and MB/s of each and the ratio ours/ddsperf,
-# unthrottled and at 30 Hz.
+# unthrottled and at 30 Hz; then ours on the secured bus (the same loopback
+# profile with the <Security> section of Marlet-secure.xml: authenticated,
+# AES-GCM encrypted) against ours plain, and the ratio secured/plain.
+# Samples/s count what the subscriber received.
 #
 #   bench/marlet/throughput.sh [build dir] [seconds per run]
 set -euo pipefail
@@ -29,16 +32,29 @@ cp -r "$repo/common/data_model/." "$root/"
 sed -i "s/<Domain Id=\"[^\"]*\">/<Domain Id=\"$domain\">/" "$root/config/Marlet.xml"
 export CYCLONEDDS_URI="file://$root/config/Marlet.xml"
 
-# ours <rateHz, 0 = unthrottled> -> "<samples> <bytes>" received
+# The secured twin of the root, on the next domain.
+secure="$root/secured"
+mkdir -p "$secure/config"
+cp -r "$root/definitions" "$root/config" "$secure/"
+bash "$repo/scripts/make-security.sh" "$secure/security" >/dev/null
+{
+    sed -e "s/<Domain Id=\"[^\"]*\">/<Domain Id=\"$((domain + 1))\">/" -e '/<\/Domain>/,$d' "$root/config/Marlet.xml"
+    sed -n '/<Security>/,/<\/Security>/p' "$repo/common/data_model/config/Marlet-secure.xml"
+    sed -n '/<\/Domain>/,$p' "$root/config/Marlet.xml"
+} >"$secure/config/Marlet.xml"
+
+# ours <rateHz, 0 = unthrottled> [root] -> "<samples> <bytes> <CPU seconds of both>" received
 run_ours() {
-    local rate="$1" out="$root/ours-sub.txt"
-    (cd "$root" && exec "$ours" sub $((seconds + 30))) >"$out" 2>&1 &
+    local rate="$1" dir="${2:-$root}" out="$root/ours-sub.txt"
+    (cd "$dir" && IXO_SECURITY_ROLE=subscriber exec /usr/bin/time -f "cpu %U %S" -o "$root/sub.cpu" \
+        "$ours" sub $((seconds + 30))) >"$out" 2>&1 &
     local sub=$!
     pids+=("$sub")
     for _ in $(seq 100); do grep -q ready "$out" && break; sleep 0.1; done
-    (cd "$root" && "$ours" pub "$seconds" "$rate" "$bytes") >/dev/null
+    (cd "$dir" && IXO_SECURITY_ROLE=publisher /usr/bin/time -f "cpu %U %S" -o "$root/pub.cpu" \
+        "$ours" pub "$seconds" "$rate" "$bytes") >/dev/null
     wait "$sub"
-    awk '/^received/ {print $2, $3}' "$out"
+    echo "$(awk '/^received/ {print $2, $3}' "$out") $(cat "$root/sub.cpu" "$root/pub.cpu" | awk '/^cpu/ {c += $2 + $3} END {print c}')"
 }
 
 # ddsperf <rate spec, empty = unthrottled> -> "<samples> <bytes>" received
@@ -54,19 +70,37 @@ run_ddsperf() {
     echo "${total:-0} $(( ${total:-0} * bytes ))"
 }
 
+# report <label> <ours> <peer> [ours name] [peer name]
 report() {
-    local label="$1" ours_line="$2" peer_line="$3"
-    awk -v label="$label" -v s="$seconds" -v o="$ours_line" -v p="$peer_line" 'BEGIN {
+    local label="$1" ours_line="$2" peer_line="$3" on="${4:-ours}" pn="${5:-ddsperf}"
+    awk -v label="$label" -v s="$seconds" -v o="$ours_line" -v p="$peer_line" -v on="$on" -v pn="$pn" 'BEGIN {
         split(o, a, " "); split(p, b, " ");
         os = a[1] / s; om = a[2] / s / 1e6; ps = b[1] / s; pm = b[2] / s / 1e6;
-        printf "%-12s ours    %8.1f samples/s %9.1f MB/s\n", label, os, om;
-        printf "%-12s ddsperf %8.1f samples/s %9.1f MB/s\n", label, ps, pm;
-        if (ps > 0) printf "%-12s ratio ours/ddsperf %.2f\n", label, os / ps; else printf "%-12s ratio n/a\n", label;
+        printf "%-12s %-8s %8.1f samples/s %9.1f MB/s\n", label, on, os, om;
+        printf "%-12s %-8s %8.1f samples/s %9.1f MB/s\n", label, pn, ps, pm;
+        if (ps > 0) printf "%-12s ratio %s/%s %.2f\n", label, on, pn, os / ps; else printf "%-12s ratio n/a\n", label;
+    }'
+}
+
+# CPU (publisher + subscriber) per received frame, secured and plain: on a
+# busy machine a steadier figure than samples/s, which then also measures the
+# wait for a core.
+cpu_report() {
+    awk -v label="$1" -v s="$2" -v p="$3" 'BEGIN {
+        split(s, a, " "); split(p, b, " ");
+        if (a[1] > 0 && b[1] > 0) {
+            cs = 1000 * a[3] / a[1]; cp = 1000 * b[3] / b[1];
+            printf "%-12s CPU per frame secured %.1f ms, plain %.1f ms, ratio plain/secured %.2f\n", label, cs, cp, cp / cs;
+        }
     }'
 }
 
 echo "frames of $bytes bytes, ${seconds}s per run, domain $domain, loopback"
-o="$(run_ours 0)"; p="$(run_ddsperf "")"
+o="$(run_ours 0)"; p="$(run_ddsperf "")"; s="$(run_ours 0 "$secure")"
 report unthrottled "$o" "$p"
-o="$(run_ours 30)"; p="$(run_ddsperf 30Hz)"
+report unthrottled "$s" "$o" secured plain
+cpu_report unthrottled "$s" "$o"
+o="$(run_ours 30)"; p="$(run_ddsperf 30Hz)"; s="$(run_ours 30 "$secure")"
 report 30Hz "$o" "$p"
+report 30Hz "$s" "$o" secured plain
+cpu_report 30Hz "$s" "$o"

@@ -3,6 +3,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <iostream>
+#include <regex>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -20,6 +23,7 @@ using marlettest::frame;
 using marlettest::makeThing;
 using Pairs = std::vector<IOT_NVP>;
 using Sample = DataSample<Pairs>;
+using namespace std::chrono_literals;
 
 constexpr std::size_t kFullHdBgrBytes = 6220800;
 
@@ -50,28 +54,38 @@ class BusTest : public ::testing::Test {
         return seen;
     }
 
-    // Starts the echoing peer process in this test's configuration root.
-    std::unique_ptr<qxtest::ChildProcess> startPeer() {
-        auto peer = std::make_unique<qxtest::ChildProcess>(std::vector<std::string>{MARLET_PEER_PATH}, root_.path());
+    // Gives a shipped tag group other QoS, for the peers started from now on
+    // and, registered again, for the things made here from now on.
+    void setQos(const std::string &file, const std::string &qos) {
+        const std::string path = "definitions/TagGroup/com.vision.data/" + file;
+        root_.writeFile(path,
+                        std::regex_replace(root_.readFile(path), std::regex(R"("qos": \{[^}]*\})"), "\"qos\": " + qos));
+        marlettest::registerDefinitions(bus_, root_.path());
+    }
+
+    // Starts the echoing peer process, reading `group`, in this test's configuration root.
+    std::unique_ptr<qxtest::ChildProcess> startPeer(const std::string &group = "VideoFrameData") {
+        auto peer =
+            std::make_unique<qxtest::ChildProcess>(std::vector<std::string>{MARLET_PEER_PATH, group}, root_.path());
         EXPECT_TRUE(peer->waitForOutput("ready peer-out", std::chrono::seconds(30))) << peer->err();
         return peer;
     }
 
     // Tells the peer to stop and waits for it; returns what it printed.
-    static std::string stopPeer(Thing &out, qxtest::ChildProcess &peer) {
+    static std::string stopPeer(Thing &out, qxtest::ChildProcess &peer, const std::string &output = "VideoFrameData") {
         Pairs stop(1);
         stop[0].name("stop");
         for (int i = 0; i < 100 && peer.running(); ++i) {
-            out.write("VideoFrameData", stop);
+            out.write(output, stop);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
         EXPECT_EQ(peer.wait(std::chrono::seconds(10)), 0) << peer.out() << peer.err();
         return peer.out();
     }
 
-    // A 1080p BGR frame the peer counts instead of echoing.
-    static Pairs burstFrame(std::uint32_t id) {
-        Pairs pairs = frame(id, kFullHdBgrBytes);
+    // A frame (1080p BGR unless told) the peer counts instead of echoing.
+    static Pairs burstFrame(std::uint32_t id, std::size_t bytes = kFullHdBgrBytes) {
+        Pairs pairs = frame(id, bytes);
         pairs[0].name("burst_id");
         return pairs;
     }
@@ -88,6 +102,7 @@ class BusTest : public ::testing::Test {
 };
 
 TEST_F(BusTest, FullHdFrameCrossesToAnotherProcessAndBackIntact) {
+    setQos("VideoFrameTagGroup.json", R"({"history": "keep-all"})"); // for every frame of the burst below
     Thing out = makeThing(bus_, "VideoFrameThingOut", "parent-out", "default");
     Thing in = makeThing(bus_, "DeviceInfoThingIn", "parent-in", "default");
     Thing::Selector echoes = in.select("DeviceInfoData");
@@ -108,52 +123,91 @@ TEST_F(BusTest, FullHdFrameCrossesToAnotherProcessAndBackIntact) {
     EXPECT_NE(printed.find("big frames 30 in order"), std::string::npos) << printed;
 }
 
-TEST_F(BusTest, AStalledReaderCostsDroppedSamplesNotAFailedWrite) {
+// A reader process that stops (SIGSTOP) acknowledges nothing. With the shipped
+// QoS (null below) the camera's writes never wait for it and a reader that keeps
+// up still gets every result; with keep-all pictures each write waits out its
+// blocking time and then drops its sample rather than fail.
+TEST_F(BusTest, AStalledReaderHoldsBackOnlyAKeepAllPublisher) {
+    const std::pair<const char *, bool> cases[] = {{nullptr, false},
+                                                   {R"({"history": "keep-all", "maxBlockingMs": 300})", true}};
+    constexpr std::uint32_t kFrames = 45; // 1.5 s of a 30 fps camera
+    const auto echoOf2 = [](const Sample &s) { return frameIdOf(s) == 2; };
+    for (const auto &[pictureQos, writesWait] : cases) {
+        SCOPED_TRACE(pictureQos ? pictureQos : "shipped QoS");
+        if (pictureQos) setQos("VideoFrameTagGroup.json", pictureQos);
+        Thing pictures = makeThing(bus_, "VideoFrameThingOut", "pictures", "default");
+        Thing results = makeThing(bus_, "DetectionBoxThingOut", "results", "default");
+        Thing in = makeThing(bus_, "DeviceInfoThingIn", "echoes", "default");
+        Thing::Selector echoes = in.select("DeviceInfoData");
+        echoes.read<Pairs>(0);
+        const auto stalled = startPeer();
+        const auto keepingUp = startPeer("DetectionBoxData");
+        ASSERT_FALSE(writeUntil(pictures, "VideoFrameData", echoes, frame(1, 16)).empty());
+        ASSERT_FALSE(writeUntil(results, "DetectionBoxData", echoes, frame(2, 16), echoOf2).empty());
+
+        ::kill(stalled->pid(), SIGSTOP);
+        std::uint32_t sent = 0;
+        const auto start = std::chrono::steady_clock::now();
+        while (sent < kFrames && !(writesWait && pictures.droppedWrites() > 0)) {
+            ++sent;
+            EXPECT_NO_THROW(results.write("DetectionBoxData", burstFrame(sent, 64)));
+            EXPECT_NO_THROW(pictures.write("VideoFrameData", burstFrame(sent)));
+            std::this_thread::sleep_until(start + sent * std::chrono::milliseconds(33));
+        }
+        EXPECT_EQ(pictures.droppedWrites() > 0, writesWait) << "after " << sent << " frames";
+        ::kill(stalled->pid(), SIGCONT);
+        const std::string counted = stopPeer(results, *keepingUp, "DetectionBoxData");
+        EXPECT_NE(counted.find("big frames " + std::to_string(sent) + " in order"), std::string::npos) << counted;
+        stopPeer(pictures, *stalled);
+    }
+}
+
+// A killed publisher says nothing; its readers learn of it when the liveliness
+// lease of its tag group runs out, and say so once.
+TEST_F(BusTest, AKilledPublisherIsReportedOnceWithinItsLease) {
+    setQos("DeviceInfoTagGroup.json", R"({"livelinessLeaseMs": 1000})");
     Thing out = makeThing(bus_, "VideoFrameThingOut", "parent-out", "default");
     Thing in = makeThing(bus_, "DeviceInfoThingIn", "parent-in", "default");
     Thing::Selector echoes = in.select("DeviceInfoData");
     echoes.read<Pairs>(0);
     const auto peer = startPeer();
-    // Matched both ways before the reader freezes.
     ASSERT_FALSE(writeUntil(out, "VideoFrameData", echoes, frame(1, 16)).empty());
 
-    // A frozen reader acknowledges nothing: once a few 6 MB frames are in
-    // flight every write waits out its blocking time and must give up on the
-    // sample rather than fail (which would stop the publishing pipeline).
-    ::kill(peer->pid(), SIGSTOP);
-    for (std::uint32_t id = 1; out.droppedWrites() == 0 && id <= 20; ++id)
-        EXPECT_NO_THROW(out.write("VideoFrameData", burstFrame(id)));
-    EXPECT_GT(out.droppedWrites(), 0u) << "20 frames of 6 MB were accepted by a frozen reader";
-
-    // Once the reader runs again, writes go through again.
-    ::kill(peer->pid(), SIGCONT);
-    const std::uint64_t droppedWhileStalled = out.droppedWrites();
-    const std::string printed = stopPeer(out, *peer);
-    EXPECT_EQ(out.droppedWrites(), droppedWhileStalled);
-    EXPECT_NE(printed.find("big frames "), std::string::npos) << printed;
+    std::ostringstream log;
+    std::streambuf *const stderrBuffer = std::cerr.rdbuf(log.rdbuf());
+    ::kill(peer->pid(), SIGKILL);
+    const auto killed = std::chrono::steady_clock::now();
+    while (log.str().find(" is gone ") == std::string::npos && std::chrono::steady_clock::now() - killed < 20s)
+        echoes.read<Pairs>(100);
+    const auto noticed = std::chrono::steady_clock::now() - killed;
+    echoes.read<Pairs>(1000); // time for a second report, which must not come
+    std::cerr.rdbuf(stderrBuffer);
+    EXPECT_EQ(log.str(), "marlet: publisher peer-out of com.vision.data.DeviceInfoData is gone (it closed, or "
+                         "showed no sign of life for its lease of 1000 ms)\n");
+    EXPECT_LT(noticed, 8s); // well before the bus's own participant lease (10 s) would have told
 }
 
 TEST_F(BusTest, FlowSelectorSeesOnlyItsFlowWhileAnUnflowedOneSeesAll) {
-    Thing outA = makeThing(bus_, "VideoFrameThingOut", "out-a", "A");
-    Thing outB = makeThing(bus_, "VideoFrameThingOut", "out-b", "B");
-    Thing in = makeThing(bus_, "VideoFrameThingIn", "in", "A");
-    Thing::Selector onlyA = in.select("VideoFrameData");
+    Thing outA = makeThing(bus_, "ClassificationThingOut", "out-a", "A");
+    Thing outB = makeThing(bus_, "ClassificationThingOut", "out-b", "B");
+    Thing in = makeThing(bus_, "ClassificationThingIn", "in", "A");
+    Thing::Selector onlyA = in.select("ClassificationData");
     onlyA.flow("A").batch(16);
-    Thing::Selector all = in.select("VideoFrameData");
+    Thing::Selector all = in.select("ClassificationData");
     all.batch(16);
     onlyA.read<Pairs>(0);
 
-    std::vector<Sample> seenByAll = writeUntil(outB, "VideoFrameData", all, frame(2, 8));
+    std::vector<Sample> seenByAll = writeUntil(outB, "ClassificationData", all, frame(2, 8));
     auto moreSeenByAll =
-        writeUntil(outA, "VideoFrameData", all, frame(1, 8), [](const Sample &s) { return s.getFlowId() == "A"; });
+        writeUntil(outA, "ClassificationData", all, frame(1, 8), [](const Sample &s) { return s.getFlowId() == "A"; });
     seenByAll.insert(seenByAll.end(), moreSeenByAll.begin(), moreSeenByAll.end());
     EXPECT_TRUE(std::any_of(seenByAll.begin(), seenByAll.end(), [](auto &s) { return s.getFlowId() == "B"; }));
 
     for (int i = 0; i < 20; ++i)
-        outB.write("VideoFrameData", frame(2, 8));
-    const auto seenByA = drain(onlyA, 300, writeUntil(outA, "VideoFrameData", onlyA, frame(3, 8), [](const Sample &s) {
-                                   return s.getFlowId() == "A" && frameIdOf(s) == 3;
-                               }));
+        outB.write("ClassificationData", frame(2, 8));
+    const auto seenByA = drain(onlyA, 300,
+                               writeUntil(outA, "ClassificationData", onlyA, frame(3, 8),
+                                          [](const Sample &s) { return s.getFlowId() == "A" && frameIdOf(s) == 3; }));
     ASSERT_FALSE(seenByA.empty());
     for (const auto &s : seenByA) {
         EXPECT_EQ(s.getFlowId(), "A");

@@ -152,9 +152,9 @@ TEST(QxbusList, ShowsTheThingsAndTagGroupsOfRunningProcesses) {
 TEST(QxbusStats, CountsEverySamplePerTopic) {
     const qxtest::ConfigRoot root;
     qxtest::ChildProcess stats(qxbusArgv({"stats", "--duration", "600"}), root.path());
-    const auto published = runQxbus(
-        {"publish", "VideoFrameData", R"({"stream_id": "s", "data": [1, 2, 3]})", "--count", "5", "--wait", "60"},
-        root.path());
+    const auto published = runQxbus({"publish", "VideoFrameData", R"({"stream_id": "s", "data": [1, 2, 3]})", "--count",
+                                     "5", "--wait", "60", "--interval", "0.1"}, // pictures: keep-last 3, not a burst
+                                    root.path());
     ASSERT_EQ(published.status, 0) << published.err;
     stats.terminate(SIGINT); // ends the window early; what arrived is still counted
     ASSERT_EQ(stats.wait(kChildLimit), 0) << stats.err();

@@ -16,14 +16,14 @@ std::string anyFlowPartition();
 // Publisher or subscriber QoS: one partition and the thing's identity as
 // group data, so that discovery tools can tell things apart.
 void fillGroupQos(Qos &qos, const std::string &partition, const std::string &identity);
-// Reliable, volatile, keep everything until acknowledged: with a short
-// keep-last history a reader that fell a few 6 MB frames behind lost frames for
-// good (the writer had replaced them before the repair request came). Keep-all
-// makes write() wait instead, bounded by WhcHigh in the bus configuration
-// (bytes in flight) and the max blocking time (then DdsError with timeout).
-void fillWriterQos(Qos &qos, const std::string &identity);
-// Reliable, volatile, keep everything: the reader thread drains continuously
-// and every frame is wanted.
-void fillReaderQos(Qos &qos, const std::string &identity);
+// Volatile, with the tag group's reliability and history (a keep-last writer
+// never waits for a reader that fell behind while depth samples fit under
+// WhcHigh of the bus configuration; a keep-all one waits, at most the group's
+// max blocking time). The writer offers automatic liveliness with the group's
+// lease, so readers learn of a publisher that vanished within that lease.
+void fillWriterQos(Qos &qos, const std::string &identity, const TagGroupQos &group);
+// Volatile, the group's reliability, keep-last readerDepth or keep-all. The
+// reader asks for no liveliness lease of its own: it matches writers of any lease.
+void fillReaderQos(Qos &qos, const std::string &identity, const TagGroupQos &group);
 
 } // namespace com::quorixtech::marlet::detail

@@ -3,6 +3,7 @@
 // says what is wrong, because callers print it and carry on.
 
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -58,6 +59,28 @@ class Object {
         if (!it->is_array()) fail("key \"" + std::string(key) + "\" in " + where_ + " is not an array");
         return *it;
     }
+    // A whole number from min to max; fallback when the key is absent.
+    std::int64_t integer(const char *key, std::int64_t fallback, std::int64_t min, std::int64_t max) const {
+        const auto it = value_.find(key);
+        if (it == value_.end()) return fallback;
+        if (!it->is_number_integer() || it->get<std::int64_t>() < min || it->get<std::int64_t>() > max) {
+            fail("key \"" + std::string(key) + "\" in " + where_ + " is not a whole number from " +
+                 std::to_string(min) + " to " + std::to_string(max));
+        }
+        return it->get<std::int64_t>();
+    }
+    // One of the texts in choices; fallback when the key is absent.
+    std::string oneOf(const char *key, std::initializer_list<const char *> choices, const char *fallback) const {
+        const std::string value = string(key, fallback);
+        std::string listed;
+        for (const char *choice : choices) {
+            if (value == choice) return value;
+            listed += std::string(listed.empty() ? "" : ", ") + "\"" + choice + "\"";
+        }
+        fail("key \"" + std::string(key) + "\" in " + where_ + " is \"" + value + "\", not one of " + listed);
+    }
+    bool has(const char *key) const { return value_.find(key) != value_.end(); }
+    const json &member(const char *key) const { return value_.at(key); }
     Object child(const json &value, const std::string &where) const { return Object(value, origin_, where); }
     [[noreturn]] void fail(const std::string &what) const { throw ConfigError(origin_ + ": " + what); }
 
@@ -80,6 +103,21 @@ iot::IotKind kindFromName(const Object &field, const std::string &name) {
     field.fail("unknown field kind \"" + name + "\"");
 }
 
+TagGroupQos readQos(const Object &group, const std::string &where) {
+    TagGroupQos qos;
+    if (!group.has("qos")) return qos;
+    const Object o = group.child(group.member("qos"), "\"qos\" of " + where);
+    qos.reliable = o.oneOf("reliability", {"reliable", "best-effort"}, "reliable") == "reliable";
+    qos.keepAll = o.oneOf("history", {"keep-last", "keep-all"}, "keep-last") == "keep-all";
+    qos.depth = static_cast<std::int32_t>(o.integer("depth", qos.depth, 1, 1000000));
+    qos.readerDepth = static_cast<std::int32_t>(o.integer("readerDepth", qos.readerDepth, 0, 1000000));
+    // Up to a day: DDS durations are nanoseconds in 64 bits.
+    constexpr std::int64_t kDayMs = 24LL * 3600 * 1000;
+    qos.maxBlockingMs = o.integer("maxBlockingMs", qos.maxBlockingMs, 0, kDayMs);
+    qos.livelinessLeaseMs = o.integer("livelinessLeaseMs", qos.livelinessLeaseMs, 0, kDayMs);
+    return qos;
+}
+
 TagGroupDefinition readTagGroup(const Object &o) {
     TagGroupDefinition def;
     def.nameSpace = o.string("namespace");
@@ -88,6 +126,7 @@ TagGroupDefinition readTagGroup(const Object &o) {
     def.topic = o.string("topic", def.nameSpace + "." + def.name);
     def.description = o.string("description", "");
     if (def.topic.empty()) o.fail("empty topic for tag group " + def.qualifiedName());
+    def.qos = readQos(o, def.qualifiedName());
     const json &fields = o.array("fields");
     for (std::size_t i = 0; i < fields.size(); ++i) {
         const Object f = o.child(fields[i], "fields[" + std::to_string(i) + "] of " + def.qualifiedName());

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "config_check.h"
+#include "config_text.h"
 #include "report.h"
 #include "state.h"
 
@@ -139,7 +140,7 @@ Marlet Marlet::openInstance(const std::string &args) {
         if ((handle.state_ = it->second.lock())) return handle;
     }
 
-    const std::string xml = readConfig(path);
+    const std::string xml = detail::expandLibraryVariables(readConfig(path), path);
     const int id = detail::checkedDomainId(xml, path);
     auto state = std::make_shared<detail::ParticipantState>();
     state->configPath = path;

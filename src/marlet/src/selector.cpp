@@ -18,6 +18,7 @@ void SelectorState::closeReader() {
     waitset.reset();
     reader.reset();
     subscriber.reset();
+    writers = WriterWatch();
 }
 
 } // namespace detail
@@ -39,7 +40,7 @@ void openReader(detail::SelectorState &s) {
     detail::fillGroupQos(groupQos, partition, thing.userData());
     s.subscriber = detail::Entity(dds_create_subscriber(participant, groupQos.get(), nullptr), "dds_create_subscriber");
     detail::Qos readerQos;
-    detail::fillReaderQos(readerQos, thing.userData());
+    detail::fillReaderQos(readerQos, thing.userData(), s.tagGroup->qos);
     s.reader = detail::Entity(dds_create_reader(s.subscriber.get(), topic, readerQos.get(), nullptr),
                               ("dds_create_reader(" + s.tagGroup->topic + ")").c_str());
     const dds_entity_t condition =
@@ -49,6 +50,7 @@ void openReader(detail::SelectorState &s) {
     // Attached to itself, the waitset wakes its waiter when wakeReaders sets its trigger.
     detail::check(dds_waitset_attach(s.waitset.get(), s.waitset.get(), 0), "dds_waitset_attach");
     s.wakeWaitset = s.waitset.get();
+    detail::WriterWatch::attach(s.reader.get(), s.waitset.get());
     s.readerFlow = s.flow;
 }
 
@@ -203,7 +205,18 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
         throw MarletError("thing \"" + s.thing->id + "\" of class " + s.thing->thingClass + " has no input \"" +
                           s.input + "\" and no tag group of that name is registered");
     }
-    if (!s.reader || s.readerFlow != s.flow) openReader(s);
+    if (!s.reader || s.readerFlow != s.flow) {
+        try {
+            openReader(s);
+        } catch (const DdsError &) {
+            // A reader DDS refuses (one that security does not allow, say) is
+            // refused again on the next read: as for a wrong name, waiting out
+            // the timeout keeps a reader loop from spinning.
+            s.closeReader();
+            std::this_thread::sleep_for(timeout);
+            throw;
+        }
+    }
 
     const auto deadline = Clock::now() + timeout;
     for (;;) {
@@ -215,7 +228,10 @@ std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::readPairs(long ti
         const dds_duration_t wait = left.count() > 0 ? static_cast<dds_duration_t>(left.count()) : 0;
         const dds_return_t triggered =
             detail::check(dds_waitset_wait(s.waitset.get(), nullptr, 0, wait), "dds_waitset_wait");
-        if (triggered > 0 && takeBatch(s) > 0) return servePending(s);
+        if (triggered > 0) {
+            s.writers.update(s.reader.get(), s.tagGroup->topic, s.thing->participant->goneReports);
+            if (takeBatch(s) > 0) return servePending(s);
+        }
         if (Clock::now() >= deadline) return {};
     }
 }

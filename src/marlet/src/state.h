@@ -17,6 +17,7 @@
 #include "BusSample.h"
 #include "dds_entity.h"
 #include "marlet/marlet.h"
+#include "writer_watch.h"
 
 struct ddsi_serdata;
 
@@ -39,6 +40,7 @@ struct ParticipantState {
     std::vector<TagGroupDefinition> tagGroups;
     std::vector<ThingClassDefinition> thingClasses;
     std::map<std::string, dds_entity_t> topics; // owned by the participant entity
+    GoneReports goneReports;                    // publishers this process has reported gone
 
     // Latest registration wins, so later files can redefine a qualified name.
     std::optional<TagGroupDefinition> tagGroupByQualifiedName(const std::string &qualified);
@@ -105,6 +107,7 @@ struct SelectorState {
     // the entity so that the waking thread never touches the entity itself.
     std::atomic<bool> woken{false};
     std::atomic<dds_entity_t> wakeWaitset{0};
+    WriterWatch writers; // the reader's matched writers, to report those that go
 
     // Samples taken from DDS but not yet returned, in arrival order; a sample
     // that did not decode is kept as its error so it is reported in its place.

@@ -57,7 +57,7 @@ std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState &thing, const s
     slot->qualifiedName = group->qualifiedName();
     const dds_entity_t topic = thing.participant->topic(group->topic);
     detail::Qos qos;
-    detail::fillWriterQos(qos, thing.userData());
+    detail::fillWriterQos(qos, thing.userData(), group->qos);
     slot->writer = detail::check(dds_create_writer(thing.publisher.get(), topic, qos.get(), nullptr),
                                  ("dds_create_writer(" + group->topic + ")").c_str());
     thing.writers.emplace(output, slot);

@@ -1,6 +1,7 @@
 // A second bus process for the cross-process tests. Run in a configuration
-// root: reads VideoFrameData and writes every sample back unchanged on
-// DeviceInfoData, until a sample holding a pair named "stop" arrives.
+// root: reads VideoFrameData (or the tag group named by its argument) and
+// writes every sample back unchanged on DeviceInfoData, until a sample holding
+// a pair named "stop" arrives.
 // Prints "ready <thing id>" once its reader exists. Frames whose first pair is
 // "burst_id" are counted instead of echoed; on stop it prints
 // "big frames <n> in order" or "big frames <n> out of order".
@@ -10,14 +11,15 @@
 
 #include "../bus_support.h"
 
-int main() {
+int main(int argc, char **argv) {
     namespace m = com::quorixtech::marlet;
     try {
+        const std::string group = argc > 1 ? argv[1] : "VideoFrameData";
         m::Marlet bus = m::Marlet::getInstance("config=file://./config/Marlet.xml");
         marlettest::registerDefinitions(bus, ".");
-        m::Thing in = marlettest::makeThing(bus, "VideoFrameThingIn", "peer-in", "default");
+        m::Thing in = marlettest::makeThing(bus, group.substr(0, group.size() - 4) + "ThingIn", "peer-in", "default");
         m::Thing out = marlettest::makeThing(bus, "DeviceInfoThingOut", "peer-out", "default");
-        m::Thing::Selector selector = in.select("VideoFrameData");
+        m::Thing::Selector selector = in.select(group);
         selector.read<std::vector<m::IOT_NVP>>(0); // creates the reader
         std::cout << "ready " << out.getId() << std::endl;
 

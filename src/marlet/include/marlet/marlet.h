@@ -63,6 +63,28 @@ struct FieldDefinition {
     iot::IotKind kind = iot::IotKind::none;
 };
 
+// How the samples of one tag group travel: the "qos" object of its definition
+// (docs/bus-definitions.md). Writers and readers of a group must use the same
+// settings, so every process of a bus reads the same definition files.
+struct TagGroupQos {
+    // Reliable: lost fragments are sent again. Best effort: a lost fragment costs its sample.
+    bool reliable = true;
+    // Writers: keep-all holds every sample until each reader acknowledged it,
+    // so a reader that stops acknowledging makes write() wait; keep-last holds
+    // the newest `depth` samples and lets a reader that fell further behind
+    // miss the older ones.
+    bool keepAll = false;
+    std::int32_t depth = 100;
+    // Readers: the newest readerDepth samples not yet taken; 0 keeps every
+    // sample that arrived until the application takes it.
+    std::int32_t readerDepth = 0;
+    // Longest wait of one write for readers to make room; then the sample is dropped.
+    std::int64_t maxBlockingMs = 2000;
+    // A writer that shows no sign of life for this long is taken for gone by its
+    // readers; 0 leaves it to the bus configuration's participant lease.
+    std::int64_t livelinessLeaseMs = 0;
+};
+
 struct TagGroupDefinition {
     std::string nameSpace; // e.g. "com.vision.data"
     std::string name;      // e.g. "VideoFrameData"
@@ -70,6 +92,7 @@ struct TagGroupDefinition {
     std::string topic; // DDS topic name
     std::string description;
     std::vector<FieldDefinition> fields;
+    TagGroupQos qos;
     std::string qualifiedName() const { return nameSpace + ":" + name; }
 };
 
