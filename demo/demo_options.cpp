@@ -19,6 +19,7 @@ const char* usageText() {
     return "usage: qxedge-demo publish [--frames N] [--fps F] [--width W] [--height H] [--context-id ID]\n"
            "       qxedge-demo subscribe [--seconds S] [--idle S] [--expect N] [--fps F] [--width W] [--height H]\n"
            "                             [--snapshots K] [--out DIR] [--context-id ID]\n"
+           "                             [--pairing frame-id|compatible]\n"
            "\n"
            "publish   runs videotestsrc pattern=ball ! qxanalyze ! qxedgesink with every tag group.\n"
            "subscribe runs qxedgesrc ! qxoverlay, writes DIR/received.mkv and K PNG snapshots, and prints\n"
@@ -69,6 +70,13 @@ std::optional<DemoOptions> parseOptions(int argc, char** argv, std::string& erro
         } else if (std::strcmp(arg, "--context-id") == 0) {
             known = true;
             o.contextId = value;
+        } else if (std::strcmp(arg, "--pairing") == 0) {
+            known = true;
+            o.pairing = value;
+            if (o.pairing != "frame-id" && o.pairing != "compatible") {
+                error = std::string("option --pairing takes frame-id or compatible, not '") + value + "'";
+                return std::nullopt;
+            }
         }
         if (!known) {
             error = std::string("unknown option ") + arg;

@@ -18,6 +18,7 @@ struct DemoOptions {
     int snapshots = 5;       // subscriber: PNG files to write
     std::string outDir = "demo-output";
     std::string contextId;   // both: flow to publish on / subscribe to
+    std::string pairing = "frame-id"; // subscriber: qxedgesrc's pairing of frames with results
 };
 
 // Parses argv; on error returns nothing and puts the reason in error.

@@ -178,7 +178,7 @@ int runSubscriber(const DemoOptions &o) {
     std::filesystem::create_directories(o.outDir);
     const std::string video = (std::filesystem::path(o.outDir) / "received.mkv").string();
     // Frame-exact pairing: every frame leaves with the results of its own id.
-    const std::string description = std::string("qxedgesrc pairing=frame-id taggroups=") + kResultTagGroups +
+    const std::string description = "qxedgesrc pairing=" + o.pairing + " taggroups=" + kResultTagGroups +
                                     contextProperty(o) + " ! " + rawCaps("BGR", o) +
                                     " ! qxoverlay ! tee name=t"
                                     " t. ! queue ! videoconvert ! jpegenc ! matroskamux ! filesink location=" +
