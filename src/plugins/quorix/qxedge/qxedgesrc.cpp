@@ -60,6 +60,10 @@ bool qx_edgesrc_reading_stopped(QxEdgeSrc *src) {
 
 bool qx_edgesrc_flushing(QxEdgeSrc *src) { return src->priv->flushing.load(); }
 
+static guint64 samplesRejected(const QxEdgeSrcPrivate *priv) {
+    return priv->edge ? priv->edge->rejectedSamples.load() : 0;
+}
+
 static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
     GObjectClass *gobject_class = G_OBJECT_CLASS(klass);
     GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
@@ -101,10 +105,12 @@ static void qx_edgesrc_class_init(QxEdgeSrcClass *klass) {
                           1, 60000, 200, setupFlags));
     g_object_class_install_property(
         gobject_class, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "Counters of the pairing: frames received, delivered, dropped and incomplete, results "
-                           "matched, late and dropped, publisher restarts (frame-id); buffers pushed (both)",
-                           GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+        g_param_spec_boxed(
+            "stats", "Statistics",
+            "Counters of the pairing: frames received, delivered, dropped and incomplete, results "
+            "matched, late and dropped, publisher restarts (frame-id); buffers pushed and samples rejected "
+            "as malformed (both)",
+            GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 
     gst_element_class_add_static_pad_template(element_class, &src_template);
     gst_element_class_set_static_metadata(element_class, "QUORIX Kelpkit source", "Source/Video",
@@ -217,7 +223,8 @@ static void qx_edgesrc_get_property(GObject *object, guint prop_id, GValue *valu
         g_value_set_uint(value, priv->resultWaitMs);
         break;
     case PROP_STATS:
-        g_value_take_boxed(value, pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load()));
+        g_value_take_boxed(value, pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load(),
+                                               samplesRejected(priv)));
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
@@ -415,7 +422,8 @@ static void resetForRestart(QxEdgeSrc *src) {
     priv->ImageReceiver.synchronizer.Stop();
     priv->ImageReceiver.reset();
     if (priv->pairing) {
-        GstStructure *stats = pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load());
+        GstStructure *stats =
+            pairingStats(priv->pairingMode, priv->pairing.get(), priv->buffersPushed.load(), samplesRejected(priv));
         gchar *text = gst_structure_to_string(stats);
         GST_INFO_OBJECT(src, "pairing: %s", text);
         g_free(text);

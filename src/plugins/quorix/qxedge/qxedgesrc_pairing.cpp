@@ -42,10 +42,11 @@ std::unique_ptr<PairingEngine> makePairingEngine(const std::vector<std::string> 
     return std::make_unique<PairingEngine>(settings);
 }
 
-GstStructure *pairingStats(QxEdgeSrcPairing mode, const PairingEngine *engine, guint64 buffersPushed) {
-    GstStructure *stats = gst_structure_new("qxedgesrc-stats", "pairing", G_TYPE_STRING,
-                                            mode == QX_EDGESRC_PAIRING_FRAME_ID ? "frame-id" : "compatible",
-                                            "buffers-pushed", G_TYPE_UINT64, buffersPushed, nullptr);
+GstStructure *pairingStats(QxEdgeSrcPairing mode, const PairingEngine *engine, guint64 buffersPushed,
+                           guint64 samplesRejected) {
+    GstStructure *stats = gst_structure_new(
+        "qxedgesrc-stats", "pairing", G_TYPE_STRING, mode == QX_EDGESRC_PAIRING_FRAME_ID ? "frame-id" : "compatible",
+        "buffers-pushed", G_TYPE_UINT64, buffersPushed, "samples-rejected", G_TYPE_UINT64, samplesRejected, nullptr);
     if (engine == nullptr) return stats;
     const PairingCounters c = engine->counters();
     gst_structure_set(stats, "frames-received", G_TYPE_UINT64, c.framesReceived, "frames-delivered", G_TYPE_UINT64,

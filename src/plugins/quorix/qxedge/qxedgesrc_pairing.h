@@ -22,4 +22,5 @@ std::unique_ptr<PairingEngine> makePairingEngine(const std::vector<std::string> 
 
 // The counters as a "qxedgesrc-stats" structure (caller owns it). Without an
 // engine only the mode and the frames pushed are known.
-GstStructure *pairingStats(QxEdgeSrcPairing mode, const PairingEngine *engine, guint64 buffersPushed);
+GstStructure *pairingStats(QxEdgeSrcPairing mode, const PairingEngine *engine, guint64 buffersPushed,
+                           guint64 samplesRejected);

@@ -83,6 +83,9 @@ struct Edge {
     // Readers add and remove 3 each: only zero versus non-zero matters, and
     // peers that inspect the counter expect multiples of 3.
     std::atomic<std::uint8_t> activeReaders{0};
+    // Samples the readers could not take (malformed, wrong kinds): each is
+    // also reported on standard output as it comes.
+    std::atomic<std::uint64_t> rejectedSamples{0};
     Marlet bus;
     std::map<std::string, Thing> things;
     Thing thing;
@@ -192,6 +195,7 @@ template <typename Receiver, typename R> void Edge::read(Receiver *receiver, Thi
             }
         } catch (const std::exception &e) {
             // The rest of the batch is dropped; later batches are not.
+            rejectedSamples.fetch_add(1);
             edge_detail::printCaught(e);
         }
     }
