@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "marlet/export.h"
 #include "marlet/iot_value.h"
 
 namespace com::quorixtech::marlet {
@@ -29,19 +30,19 @@ using iot::IOT_NVP;
 using iot::IOT_VALUE;
 
 // Every failure of the library is one of these; the message says what failed.
-class MarletError : public std::runtime_error {
+class MARLET_API MarletError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
 // A configuration or definition file that is missing or malformed.
-class ConfigError : public MarletError {
+class MARLET_API ConfigError : public MarletError {
 public:
     using MarletError::MarletError;
 };
 
 // A DDS call that returned an error; the message names the call and dds_strretcode.
-class DdsError : public MarletError {
+class MARLET_API DdsError : public MarletError {
 public:
     DdsError(const std::string& call, int retcode);
     int retcode() const { return retcode_; }
@@ -51,7 +52,7 @@ private:
 };
 
 // Bytes from the network that do not decode as a pair tree.
-class DecodeError : public MarletError {
+class MARLET_API DecodeError : public MarletError {
 public:
     using MarletError::MarletError;
 };
@@ -88,7 +89,7 @@ struct ThingClassDefinition {
     std::string qualifiedName() const { return nameSpace + ":" + name; }
 };
 
-class TagGroupRegistry {
+class MARLET_API TagGroupRegistry {
 public:
     virtual ~TagGroupRegistry() = default;
     const std::vector<TagGroupDefinition>& tagGroups() const { return tagGroups_; }
@@ -97,7 +98,7 @@ protected:
     std::vector<TagGroupDefinition> tagGroups_;
 };
 
-class JSonTagGroupRegistry : public TagGroupRegistry {
+class MARLET_API JSonTagGroupRegistry : public TagGroupRegistry {
 public:
     JSonTagGroupRegistry() = default;
     // Reads every tag group of one JSON file ("file://" URI). Throws ConfigError.
@@ -105,7 +106,7 @@ public:
     void registerTagGroupsFromString(const std::string& json, const std::string& origin = "<string>");
 };
 
-class ThingClassRegistry {
+class MARLET_API ThingClassRegistry {
 public:
     virtual ~ThingClassRegistry() = default;
     const std::vector<ThingClassDefinition>& thingClasses() const { return thingClasses_; }
@@ -114,14 +115,14 @@ protected:
     std::vector<ThingClassDefinition> thingClasses_;
 };
 
-class JSonThingClassRegistry : public ThingClassRegistry {
+class MARLET_API JSonThingClassRegistry : public ThingClassRegistry {
 public:
     JSonThingClassRegistry() = default;
     void registerThingClassesFromURI(const std::string& uri);
     void registerThingClassesFromString(const std::string& json, const std::string& origin = "<string>");
 };
 
-class ThingProperties {
+class MARLET_API ThingProperties {
 public:
     virtual ~ThingProperties() = default;
     const std::string& thingId() const { return thingId_; }
@@ -137,7 +138,7 @@ protected:
     std::string name_;
 };
 
-class JSonThingProperties : public ThingProperties {
+class MARLET_API JSonThingProperties : public ThingProperties {
 public:
     JSonThingProperties() = default;
     void readPropertiesFromURI(const std::string& uri);
@@ -172,7 +173,7 @@ private:
     std::int64_t sourceTimeNs_ = 0;
 };
 
-class DiscoveredThing {
+class MARLET_API DiscoveredThing {
 public:
     virtual ~DiscoveredThing() = default;
     virtual std::string getId() const = 0;
@@ -185,7 +186,7 @@ struct ThingState;
 struct SelectorState;
 } // namespace detail
 
-class Thing : public DiscoveredThing {
+class MARLET_API Thing : public DiscoveredThing {
 public:
     class Selector {
     public:
@@ -241,13 +242,13 @@ inline std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::read<std::
 
 // ---- listeners and dispatchers --------------------------------------------
 
-class BaseDataListener {
+class MARLET_API BaseDataListener {
 public:
     virtual ~BaseDataListener() = default;
     virtual void onData(const DataSample<std::vector<IOT_NVP>>& sample) = 0;
 };
 
-class Dispatcher {
+class MARLET_API Dispatcher {
 public:
     // Wakes every thread blocked in waitEvent.
     void throwEvent();
@@ -263,7 +264,7 @@ private:
 
 // ---- the participant ------------------------------------------------------
 
-class Marlet {
+class MARLET_API Marlet {
 public:
     Marlet() = default;
     // args: "config=" followed by a "file://" URI of the bus configuration.
@@ -285,12 +286,12 @@ private:
 };
 
 // Turns "file://path" into "path"; leaves other text alone.
-std::string uriToPath(const std::string& uri);
+MARLET_API std::string uriToPath(const std::string& uri);
 
 // The DDS topic name of a tag group's topic: '.' becomes '/' ("com.vision.data.X"
 // -> "com/vision/data/X"), other characters DDS does not allow become '_', and a
 // leading digit gets a '_' in front. Tools that watch the bus through DDS itself
 // find the library's topics by it.
-std::string ddsTopicName(const std::string& topic);
+MARLET_API std::string ddsTopicName(const std::string& topic);
 
 } // namespace com::quorixtech::marlet
