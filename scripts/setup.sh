@@ -12,6 +12,8 @@ PACKAGES=(
     nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     procps time
+    # scripts/fuzz.sh: clang and its runtimes (libFuzzer, sanitizers)
+    clang-14 libclang-rt-14-dev
 )
 
 missing=()
