@@ -152,6 +152,12 @@ int main(int argc, char **argv) {
               std::string(1, static_cast<char>(groups.size())) +
                   R"({"frame_id": {"uint32": 7}, "t": {"int64": -5}, "b": {"byte_seq": [1, 2]}, "l": [{"a": 1.5}]})");
 
+    // A number no double holds: the JSON parser reports it apart from syntax errors.
+    for (const char *target : {"fuzz_json_taggroups", "fuzz_json_thingclasses", "fuzz_json_thingproperties"})
+        writeSeed(target, "number-overflow", "{\"tagGroups\": [{\"namespace\": 1e999}]}");
+    writeSeed("fuzz_publish_json", "number-overflow",
+              std::string(1, static_cast<char>(groups.size())) + "{\"a\": -2E5515}");
+
     // Hostile inputs larger than the fuzzer grows its own: each runs once, whole.
     const std::string deep = std::string(20000, '[') + std::string(20000, ']');
     for (const char *target : {"fuzz_json_taggroups", "fuzz_json_thingclasses", "fuzz_json_thingproperties"})

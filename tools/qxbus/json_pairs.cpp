@@ -191,7 +191,8 @@ Pairs pairsFromJson(const std::string &text, const std::vector<com::quorixtech::
     Json record;
     try {
         record = Json::parse(text);
-    } catch (const nlohmann::json::parse_error &e) {
+    } catch (const nlohmann::json::exception &e) {
+        // Syntax errors, and numbers too large for a double ("1e999").
         throw JsonInputError(std::string("the record is not valid JSON: ") + e.what());
     }
     // Converting (and describing) JSON recurses once per level: refuse what is
