@@ -18,6 +18,8 @@ struct DemoOptions {
     int snapshots = 5;       // subscriber: PNG files to write
     std::string outDir = "demo-output";
     std::string contextId;   // both: flow to publish on / subscribe to
+    std::string pairing;     // subscriber: qxedgesrc's pairing mode (empty: the element's default)
+    bool record = true;      // subscriber: overlay, video and snapshots (off for long runs)
 };
 
 // Parses argv; on error returns nothing and puts the reason in error.

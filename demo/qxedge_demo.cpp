@@ -170,18 +170,19 @@ void account(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
     // arrived, boxes or not.
     const int every = std::max(1, o.fps);
     const bool due = tally.snapshots.empty() ? (hasBoxes || tally.received > every) : tally.received % every == 0;
-    if (static_cast<int>(tally.snapshots.size()) < o.snapshots && due) writeSnapshot(sample, o, tally);
+    if (o.record && static_cast<int>(tally.snapshots.size()) < o.snapshots && due) writeSnapshot(sample, o, tally);
 }
 
 int runSubscriber(const DemoOptions& o) {
     std::filesystem::create_directories(o.outDir);
     const std::string video = (std::filesystem::path(o.outDir) / "received.mkv").string();
-    const std::string description = std::string("qxedgesrc taggroups=") + kResultTagGroups +
-                                    contextProperty(o) +
-                                    " ! " + rawCaps("BGR", o) +
-                                    " ! qxoverlay ! tee name=t"
-                                    " t. ! queue ! videoconvert ! jpegenc ! matroskamux ! filesink location=" +
-                                    video + " t. ! queue ! appsink name=frames sync=false max-buffers=200";
+    const std::string source = std::string("qxedgesrc taggroups=") + kResultTagGroups + contextProperty(o) +
+                               (o.pairing.empty() ? "" : " pairing=" + o.pairing) + " ! " + rawCaps("BGR", o);
+    const std::string frames = " ! queue ! appsink name=frames sync=false max-buffers=200";
+    const std::string description =
+        o.record ? source + " ! qxoverlay ! tee name=t t. ! queue ! videoconvert ! jpegenc ! matroskamux" +
+                       " ! filesink location=" + video + " t." + frames
+                 : source + frames;
     GstElement* pipeline = launch(description);
     if (!pipeline) return 1;
     GstElement* appsink = gst_bin_get_by_name(GST_BIN(pipeline), "frames");
@@ -237,7 +238,7 @@ int runSubscriber(const DemoOptions& o) {
     std::printf("frames per second:            %.1f\n", fps);
     std::printf("latency ms (median / p99):    %.0f / %.0f  (%zu frames)\n", latency.median, latency.p99,
                 latency.count);
-    std::printf("video:                        %s\n", video.c_str());
+    if (o.record) std::printf("video:                        %s\n", video.c_str());
     for (const auto& s : tally.snapshots) std::printf("snapshot:                     %s\n", s.c_str());
     std::fflush(stdout);
     return tally.received > 0 ? 0 : 1;
