@@ -18,8 +18,9 @@ if ! command -v clang++-14 >/dev/null; then
     exit 2
 fi
 if [ ! -f "$build/CMakeCache.txt" ]; then
+    mkdir -p "$build"
     CC=clang-14 CXX=clang++-14 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQX_FUZZ=ON \
-        >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 2; }
+        >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 2; }
 fi
 cmake --build "$build" -j"$jobs" --target fuzz_all
 
