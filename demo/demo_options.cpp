@@ -18,12 +18,13 @@ bool parsePositive(const char* text, int& out) {
 const char* usageText() {
     return "usage: qxedge-demo publish [--frames N] [--fps F] [--width W] [--height H] [--context-id ID]\n"
            "       qxedge-demo subscribe [--seconds S] [--idle S] [--expect N] [--fps F] [--width W] [--height H]\n"
-           "                             [--snapshots K] [--out DIR] [--context-id ID]\n"
-           "                             [--pairing frame-id|compatible]\n"
+           "                             [--snapshots K] [--out DIR] [--context-id ID] [--pairing MODE]\n"
+           "                             [--record yes|no]\n"
            "\n"
            "publish   runs videotestsrc pattern=ball ! qxanalyze ! qxedgesink with every tag group.\n"
            "subscribe runs qxedgesrc ! qxoverlay, writes DIR/received.mkv and K PNG snapshots, and prints\n"
-           "          what it received: frames, frames with matched results, frame rate, latency.\n";
+           "          what it received: frames, frames with matched results, frame rate, latency.\n"
+           "          --record no keeps only the counting (no overlay, video or snapshots), for long runs.\n";
 }
 
 std::optional<DemoOptions> parseOptions(int argc, char** argv, std::string& error) {
@@ -77,6 +78,13 @@ std::optional<DemoOptions> parseOptions(int argc, char** argv, std::string& erro
                 error = std::string("option --pairing takes frame-id or compatible, not '") + value + "'";
                 return std::nullopt;
             }
+        } else if (std::strcmp(arg, "--record") == 0) {
+            known = true;
+            if (std::strcmp(value, "yes") != 0 && std::strcmp(value, "no") != 0) {
+                error = std::string("option --record takes yes or no, not '") + value + "'";
+                return std::nullopt;
+            }
+            o.record = std::strcmp(value, "yes") == 0;
         }
         if (!known) {
             error = std::string("unknown option ") + arg;

@@ -19,6 +19,7 @@ struct DemoOptions {
     std::string outDir = "demo-output";
     std::string contextId;   // both: flow to publish on / subscribe to
     std::string pairing = "frame-id"; // subscriber: qxedgesrc's pairing of frames with results
+    bool record = true;      // subscriber: overlay, video and snapshots (off for long runs)
 };
 
 // Parses argv; on error returns nothing and puts the reason in error.

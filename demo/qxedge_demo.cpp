@@ -29,21 +29,21 @@ using Clock = std::chrono::steady_clock;
 // Results go out before their frame, so they are already queued on the
 // subscriber when the frame is paired; frames first leave the pairing one
 // result behind.
-const char *const kAllTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData+VideoFrameData";
-const char *const kResultTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
+const char* const kAllTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData+VideoFrameData";
+const char* const kResultTagGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
 
-std::string rawCaps(const char *format, const DemoOptions &o) {
+std::string rawCaps(const char* format, const DemoOptions& o) {
     return std::string("video/x-raw,format=") + format + ",width=" + std::to_string(o.width) +
            ",height=" + std::to_string(o.height) + ",framerate=" + std::to_string(o.fps) + "/1";
 }
 
-std::string contextProperty(const DemoOptions &o) {
+std::string contextProperty(const DemoOptions& o) {
     return o.contextId.empty() ? std::string() : " context-id=" + o.contextId;
 }
 
-GstElement *launch(const std::string &description) {
-    GError *error = nullptr;
-    GstElement *pipeline = gst_parse_launch(description.c_str(), &error);
+GstElement* launch(const std::string& description) {
+    GError* error = nullptr;
+    GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
     if (error) {
         std::cerr << "qxedge-demo: cannot build pipeline: " << error->message << "\n  " << description << "\n";
         g_error_free(error);
@@ -54,15 +54,15 @@ GstElement *launch(const std::string &description) {
 }
 
 // Waits for end of stream or an error on the pipeline's bus.
-bool waitForEnd(GstElement *pipeline, GstClockTime timeout) {
-    GstBus *bus = gst_element_get_bus(pipeline);
-    GstMessage *msg = gst_bus_timed_pop_filtered(bus, timeout, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+bool waitForEnd(GstElement* pipeline, GstClockTime timeout) {
+    GstBus* bus = gst_element_get_bus(pipeline);
+    GstMessage* msg = gst_bus_timed_pop_filtered(bus, timeout, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     bool ok = false;
     if (!msg) {
         std::cerr << "qxedge-demo: pipeline did not finish in time\n";
     } else if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR) {
-        GError *err = nullptr;
-        gchar *dbg = nullptr;
+        GError* err = nullptr;
+        gchar* dbg = nullptr;
         gst_message_parse_error(msg, &err, &dbg);
         std::cerr << "qxedge-demo: " << GST_OBJECT_NAME(msg->src) << ": " << err->message << "\n";
         g_error_free(err);
@@ -80,27 +80,26 @@ struct PublishCounts {
     std::atomic<int> withBoxes{0};
 };
 
-GstPadProbeReturn countPublished(GstPad *, GstPadProbeInfo *info, gpointer data) {
-    auto *counts = static_cast<PublishCounts *>(data);
-    GstBuffer *buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+GstPadProbeReturn countPublished(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    auto* counts = static_cast<PublishCounts*>(data);
+    GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
     counts->frames++;
-    if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer)) {
+    if (GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer)) {
         if (!meta->frames.empty() && !meta->frames.front().det_results.empty()) counts->withBoxes++;
     }
     return GST_PAD_PROBE_OK;
 }
 
-int runPublisher(const DemoOptions &o) {
-    const std::string description = "videotestsrc pattern=ball is-live=true num-buffers=" + std::to_string(o.frames) +
-                                    " ! " + rawCaps("I420", o) +
-                                    " ! qxanalyze stream-id=demo-camera-0 device-id=cam0 model=videotestsrc"
-                                    " ! qxedgesink name=publisher taggroups=" +
-                                    kAllTagGroups + contextProperty(o);
-    GstElement *pipeline = launch(description);
+int runPublisher(const DemoOptions& o) {
+    const std::string description =
+        "videotestsrc pattern=ball is-live=true num-buffers=" + std::to_string(o.frames) + " ! " + rawCaps("I420", o) +
+        " ! qxanalyze stream-id=demo-camera-0 device-id=cam0 model=videotestsrc"
+        " ! qxedgesink name=publisher taggroups=" + kAllTagGroups + contextProperty(o);
+    GstElement* pipeline = launch(description);
     if (!pipeline) return 1;
     PublishCounts counts;
-    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "publisher");
-    GstPad *pad = gst_element_get_static_pad(sink, "sink");
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "publisher");
+    GstPad* pad = gst_element_get_static_pad(sink, "sink");
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, countPublished, &counts, nullptr);
     gst_object_unref(pad);
     gst_object_unref(sink);
@@ -136,7 +135,7 @@ struct SubscribeTally {
     Clock::time_point last{};
 };
 
-void writeSnapshot(GstSample *sample, const DemoOptions &o, SubscribeTally &tally) {
+void writeSnapshot(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
     GstVideoInfo info;
     if (!gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) return;
     GstVideoFrame frame;
@@ -150,15 +149,15 @@ void writeSnapshot(GstSample *sample, const DemoOptions &o, SubscribeTally &tall
     gst_video_frame_unmap(&frame);
 }
 
-void account(GstSample *sample, const DemoOptions &o, SubscribeTally &tally) {
+void account(GstSample* sample, const DemoOptions& o, SubscribeTally& tally) {
     const auto now = Clock::now();
     if (tally.received == 0) tally.first = now;
     tally.last = now;
     tally.received++;
-    GstBuffer *buffer = gst_sample_get_buffer(sample);
+    GstBuffer* buffer = gst_sample_get_buffer(sample);
     bool hasBoxes = false;
-    if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer); meta && !meta->frames.empty()) {
-        const VideoFrameData &f = meta->frames.front();
+    if (GstQxBatchMeta* meta = gst_buffer_get_qx_batch_meta(buffer); meta && !meta->frames.empty()) {
+        const VideoFrameData& f = meta->frames.front();
         tally.frameIds.insert(f.frame_id);
         if (!f.class_results.empty() || !f.det_results.empty()) tally.matched++;
         hasBoxes = !f.det_results.empty();
@@ -171,21 +170,22 @@ void account(GstSample *sample, const DemoOptions &o, SubscribeTally &tally) {
     // arrived, boxes or not.
     const int every = std::max(1, o.fps);
     const bool due = tally.snapshots.empty() ? (hasBoxes || tally.received > every) : tally.received % every == 0;
-    if (static_cast<int>(tally.snapshots.size()) < o.snapshots && due) writeSnapshot(sample, o, tally);
+    if (o.record && static_cast<int>(tally.snapshots.size()) < o.snapshots && due) writeSnapshot(sample, o, tally);
 }
 
-int runSubscriber(const DemoOptions &o) {
+int runSubscriber(const DemoOptions& o) {
     std::filesystem::create_directories(o.outDir);
     const std::string video = (std::filesystem::path(o.outDir) / "received.mkv").string();
-    // Frame-exact pairing: every frame leaves with the results of its own id.
-    const std::string description = "qxedgesrc pairing=" + o.pairing + " taggroups=" + kResultTagGroups +
-                                    contextProperty(o) + " ! " + rawCaps("BGR", o) +
-                                    " ! qxoverlay ! tee name=t"
-                                    " t. ! queue ! videoconvert ! jpegenc ! matroskamux ! filesink location=" +
-                                    video + " t. ! queue ! appsink name=frames sync=false max-buffers=200";
-    GstElement *pipeline = launch(description);
+    const std::string source = std::string("qxedgesrc taggroups=") + kResultTagGroups + contextProperty(o) +
+                               " pairing=" + o.pairing + " ! " + rawCaps("BGR", o);
+    const std::string frames = " ! queue ! appsink name=frames sync=false max-buffers=200";
+    const std::string description =
+        o.record ? source + " ! qxoverlay ! tee name=t t. ! queue ! videoconvert ! jpegenc ! matroskamux" +
+                       " ! filesink location=" + video + " t." + frames
+                 : source + frames;
+    GstElement* pipeline = launch(description);
     if (!pipeline) return 1;
-    GstElement *appsink = gst_bin_get_by_name(GST_BIN(pipeline), "frames");
+    GstElement* appsink = gst_bin_get_by_name(GST_BIN(pipeline), "frames");
 
     // The pipeline reaches PLAYING once the source's first frame arrived; if
     // no publisher ever shows up, end the process rather than wait forever.
@@ -206,7 +206,7 @@ int runSubscriber(const DemoOptions &o) {
     const auto runEnd = Clock::now() + std::chrono::seconds(o.seconds);
     auto lastFrame = Clock::now();
     while (Clock::now() < runEnd) {
-        GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink), 100 * GST_MSECOND);
+        GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink), 100 * GST_MSECOND);
         if (!sample) {
             if (gst_app_sink_is_eos(GST_APP_SINK(appsink))) break;
             if (Clock::now() - lastFrame > std::chrono::seconds(o.idleSeconds)) break;
@@ -234,16 +234,15 @@ int runSubscriber(const DemoOptions &o) {
     std::printf("frames per second:            %.1f\n", fps);
     std::printf("latency ms (median / p99):    %.0f / %.0f  (%zu frames)\n", latency.median, latency.p99,
                 latency.count);
-    std::printf("video:                        %s\n", video.c_str());
-    for (const auto &s : tally.snapshots)
-        std::printf("snapshot:                     %s\n", s.c_str());
+    if (o.record) std::printf("video:                        %s\n", video.c_str());
+    for (const auto& s : tally.snapshots) std::printf("snapshot:                     %s\n", s.c_str());
     std::fflush(stdout);
     return tally.received > 0 ? 0 : 1;
 }
 
 } // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     std::string error;
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {

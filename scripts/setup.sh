@@ -15,6 +15,8 @@ PACKAGES=(
     python3-numpy python3-pytest python3-opencv
     procps time
     openssl iproute2
+    # scripts/fuzz.sh: clang and its runtimes (libFuzzer, sanitizers)
+    clang-14 libclang-rt-14-dev
 )
 
 missing=()

@@ -19,9 +19,7 @@ void initGst() {
     static std::once_flag once;
     std::call_once(once, [] {
         if (!gst_is_initialized()) {
-            char pattern[] = "/tmp/qxsrc-gst-XXXXXX";
-            const char *dir = ::mkdtemp(pattern);
-            qxtest::useBuildPlugins(dir ? dir : "/tmp");
+            qxtest::useBuildPluginsWithTemporaryRegistry();
             gst_init(nullptr, nullptr);
         }
     });

@@ -17,10 +17,7 @@ namespace qxanalytics_test {
 void initGstreamer() {
     static std::once_flag once;
     std::call_once(once, [] {
-        gchar *dir = g_dir_make_tmp("qxanalytics-XXXXXX", nullptr);
-        if (!dir) throw std::runtime_error("cannot make a temporary directory for the registry");
-        qxtest::useBuildPlugins(dir);
-        g_free(dir);
+        qxtest::useBuildPluginsWithTemporaryRegistry();
         gst_init(nullptr, nullptr);
     });
 }

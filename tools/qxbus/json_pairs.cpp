@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 
+#include "marlet/pair_codec.h"
 #include "value_format.h"
 
 namespace qxbus {
@@ -173,15 +174,31 @@ Json valueToJson(const IOT_VALUE &value) {
     return nullptr;
 }
 
+// Explicit kinds ({"nvp_seq": ...}) add a JSON level to every pair level, so
+// this admits every record the codec can carry.
+constexpr std::size_t kMaxJsonDepth = 2 * (com::quorixtech::marlet::codec::kMaxDepth + 1);
+
+// Recurses at most limit levels, however deep the JSON is.
+bool deeperThan(const Json &j, std::size_t limit) {
+    if (!j.is_structured()) return false;
+    if (limit == 0) return true;
+    return std::any_of(j.begin(), j.end(), [&](const Json &child) { return deeperThan(child, limit - 1); });
+}
+
 } // namespace
 
 Pairs pairsFromJson(const std::string &text, const std::vector<com::quorixtech::marlet::FieldDefinition> &fields) {
     Json record;
     try {
         record = Json::parse(text);
-    } catch (const nlohmann::json::parse_error &e) {
+    } catch (const nlohmann::json::exception &e) {
+        // Syntax errors, and numbers too large for a double ("1e999").
         throw JsonInputError(std::string("the record is not valid JSON: ") + e.what());
     }
+    // Converting (and describing) JSON recurses once per level: refuse what is
+    // deeper than any record the bus can carry before walking it.
+    if (deeperThan(record, kMaxJsonDepth))
+        throw JsonInputError("the record is nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
     if (!record.is_object()) throw JsonInputError("the record must be a JSON object, got " + describe(record));
 
     Pairs pairs;
@@ -195,6 +212,11 @@ Pairs pairsFromJson(const std::string &text, const std::vector<com::quorixtech::
             fail(it.key(), "not a field of this tag group; give its kind explicitly, e.g. {\"int32\": 1}, to send it "
                            "anyway");
         pairs.emplace_back(it.key(), valueOf(it.value(), hint, it.key()));
+    }
+    try {
+        com::quorixtech::marlet::codec::encodedSize(pairs);
+    } catch (const com::quorixtech::marlet::MarletError &e) {
+        throw JsonInputError(std::string("the record cannot be sent: ") + e.what());
     }
     return pairs;
 }

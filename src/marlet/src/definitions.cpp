@@ -31,6 +31,10 @@ json parse(const std::string &text, const std::string &origin) {
         return json::parse(text);
     } catch (const json::parse_error &e) {
         throw ConfigError(origin + ": JSON parse error at byte " + std::to_string(e.byte) + ": " + e.what());
+    } catch (const json::exception &e) {
+        // The parser reports more than syntax this way, e.g. a number too
+        // large for a double ("1e999"): bad text all the same.
+        throw ConfigError(origin + ": JSON parse error: " + e.what());
     }
 }
 

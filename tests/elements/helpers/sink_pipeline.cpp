@@ -103,6 +103,9 @@ int main(int argc, char **argv) {
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
         std::printf("OPEN FAILED\n");
         std::fflush(stdout);
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(sink);
+        gst_object_unref(pipeline);
         return 3;
     }
     if (!retag.empty()) g_object_set(sink, "taggroups", retag.c_str(), nullptr);

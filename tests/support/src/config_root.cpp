@@ -96,4 +96,14 @@ void useBuildPlugins(const std::string& dir) {
     ::setenv("GST_REGISTRY_FORK", "no", 1);
 }
 
+void useBuildPluginsWithTemporaryRegistry() {
+    static std::string dir = (fs::temp_directory_path() / "qxtest-gst-XXXXXX").string();
+    if (!::mkdtemp(dir.data())) throw std::runtime_error("cannot make a directory for the registry");
+    useBuildPlugins(dir);
+    std::atexit([] {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    });
+}
+
 } // namespace qxtest

@@ -9,6 +9,8 @@
 #include <variant>
 #include <vector>
 
+#include "marlet/export.h"
+
 namespace com::quorixtech::iot {
 
 class IOT_NVP;
@@ -24,10 +26,10 @@ enum class IotKind : std::uint8_t {
     iotv_nvp_seq = 7,
 };
 
-const char* kindName(IotKind kind);
+MARLET_API const char* kindName(IotKind kind);
 
 // Thrown by a getter that is asked for another kind than the value holds.
-class IotKindError : public std::runtime_error {
+class MARLET_API IotKindError : public std::runtime_error {
 public:
     IotKindError(IotKind expected, IotKind actual);
     IotKind expected() const { return expected_; }
@@ -41,7 +43,7 @@ private:
 using ByteSeq = std::vector<std::uint8_t>;
 using NvpSeq = std::vector<IOT_NVP>;
 
-class IOT_VALUE {
+class MARLET_API IOT_VALUE {
 public:
     IOT_VALUE() = default;
 
@@ -91,7 +93,7 @@ private:
         value_;
 };
 
-class IOT_NVP {
+class MARLET_API IOT_NVP {
 public:
     IOT_NVP() = default;
     IOT_NVP(std::string name, IOT_VALUE value) : name_(std::move(name)), value_(std::move(value)) {}

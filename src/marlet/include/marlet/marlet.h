@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "marlet/export.h"
 #include "marlet/iot_value.h"
 
 namespace com::quorixtech::marlet {
@@ -29,19 +30,19 @@ using iot::IOT_NVP;
 using iot::IOT_VALUE;
 
 // Every failure of the library is one of these; the message says what failed.
-class MarletError : public std::runtime_error {
+class MARLET_API MarletError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
 // A configuration or definition file that is missing or malformed.
-class ConfigError : public MarletError {
+class MARLET_API ConfigError : public MarletError {
   public:
     using MarletError::MarletError;
 };
 
 // A DDS call that returned an error; the message names the call and dds_strretcode.
-class DdsError : public MarletError {
+class MARLET_API DdsError : public MarletError {
   public:
     DdsError(const std::string &call, int retcode);
     int retcode() const { return retcode_; }
@@ -51,7 +52,7 @@ class DdsError : public MarletError {
 };
 
 // Bytes from the network that do not decode as a pair tree.
-class DecodeError : public MarletError {
+class MARLET_API DecodeError : public MarletError {
   public:
     using MarletError::MarletError;
 };
@@ -111,7 +112,7 @@ struct ThingClassDefinition {
     std::string qualifiedName() const { return nameSpace + ":" + name; }
 };
 
-class TagGroupRegistry {
+class MARLET_API TagGroupRegistry {
   public:
     virtual ~TagGroupRegistry() = default;
     const std::vector<TagGroupDefinition> &tagGroups() const { return tagGroups_; }
@@ -120,7 +121,7 @@ class TagGroupRegistry {
     std::vector<TagGroupDefinition> tagGroups_;
 };
 
-class JSonTagGroupRegistry : public TagGroupRegistry {
+class MARLET_API JSonTagGroupRegistry : public TagGroupRegistry {
   public:
     JSonTagGroupRegistry() = default;
     // Reads every tag group of one JSON file ("file://" URI). Throws ConfigError.
@@ -128,7 +129,7 @@ class JSonTagGroupRegistry : public TagGroupRegistry {
     void registerTagGroupsFromString(const std::string &json, const std::string &origin = "<string>");
 };
 
-class ThingClassRegistry {
+class MARLET_API ThingClassRegistry {
   public:
     virtual ~ThingClassRegistry() = default;
     const std::vector<ThingClassDefinition> &thingClasses() const { return thingClasses_; }
@@ -137,14 +138,14 @@ class ThingClassRegistry {
     std::vector<ThingClassDefinition> thingClasses_;
 };
 
-class JSonThingClassRegistry : public ThingClassRegistry {
+class MARLET_API JSonThingClassRegistry : public ThingClassRegistry {
   public:
     JSonThingClassRegistry() = default;
     void registerThingClassesFromURI(const std::string &uri);
     void registerThingClassesFromString(const std::string &json, const std::string &origin = "<string>");
 };
 
-class ThingProperties {
+class MARLET_API ThingProperties {
   public:
     virtual ~ThingProperties() = default;
     const std::string &thingId() const { return thingId_; }
@@ -160,7 +161,7 @@ class ThingProperties {
     std::string name_;
 };
 
-class JSonThingProperties : public ThingProperties {
+class MARLET_API JSonThingProperties : public ThingProperties {
   public:
     JSonThingProperties() = default;
     void readPropertiesFromURI(const std::string &uri);
@@ -204,7 +205,7 @@ template <typename T> class DataSample {
     std::string sessionId_;
 };
 
-class DiscoveredThing {
+class MARLET_API DiscoveredThing {
   public:
     virtual ~DiscoveredThing() = default;
     virtual std::string getId() const = 0;
@@ -217,7 +218,7 @@ struct ThingState;
 struct SelectorState;
 } // namespace detail
 
-class Thing : public DiscoveredThing {
+class MARLET_API Thing : public DiscoveredThing {
   public:
     class Selector {
       public:
@@ -287,13 +288,13 @@ inline std::vector<DataSample<std::vector<IOT_NVP>>> Thing::Selector::read<std::
 
 // ---- listeners and dispatchers --------------------------------------------
 
-class BaseDataListener {
+class MARLET_API BaseDataListener {
   public:
     virtual ~BaseDataListener() = default;
     virtual void onData(const DataSample<std::vector<IOT_NVP>> &sample) = 0;
 };
 
-class Dispatcher {
+class MARLET_API Dispatcher {
   public:
     // Wakes every thread blocked in waitEvent.
     void throwEvent();
@@ -309,7 +310,7 @@ class Dispatcher {
 
 // ---- the participant ------------------------------------------------------
 
-class Marlet {
+class MARLET_API Marlet {
   public:
     Marlet() = default;
     // args: "config=" followed by a "file://" URI of the bus configuration.
@@ -333,12 +334,12 @@ class Marlet {
 };
 
 // Turns "file://path" into "path"; leaves other text alone.
-std::string uriToPath(const std::string &uri);
+MARLET_API std::string uriToPath(const std::string &uri);
 
 // The DDS topic name of a tag group's topic: '.' becomes '/' ("com.vision.data.X"
 // -> "com/vision/data/X"), other characters DDS does not allow become '_', and a
 // leading digit gets a '_' in front. Tools that watch the bus through DDS itself
 // find the library's topics by it.
-std::string ddsTopicName(const std::string &topic);
+MARLET_API std::string ddsTopicName(const std::string &topic);
 
 } // namespace com::quorixtech::marlet

@@ -19,20 +19,20 @@ constexpr std::size_t kMaxDepth = 32;
 
 // Exact number of bytes encodeInto writes for pairs. Throws MarletError when
 // the tree is nested deeper than kMaxDepth (a receiver would reject it).
-std::size_t encodedSize(const std::vector<IOT_NVP> &pairs);
+MARLET_API std::size_t encodedSize(const std::vector<IOT_NVP> &pairs);
 
 // Writes the encoding into out, which must hold exactly encodedSize(pairs)
 // bytes; callers size their buffers first so that a frame is encoded once,
 // straight into memory that is handed to the bus.
-void encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_t size);
+MARLET_API void encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_t size);
 
 // Convenience for tests and tools: size, allocate, encode.
-std::vector<std::uint8_t> encode(const std::vector<IOT_NVP> &pairs);
+MARLET_API std::vector<std::uint8_t> encode(const std::vector<IOT_NVP> &pairs);
 
 // Decodes bytes that came from anywhere. Throws DecodeError naming the offset
 // and the fault; never reads outside [data, data + size) and never allocates
 // more than the input can describe.
-std::vector<IOT_NVP> decode(const std::uint8_t *data, std::size_t size);
+MARLET_API std::vector<IOT_NVP> decode(const std::uint8_t *data, std::size_t size);
 inline std::vector<IOT_NVP> decode(const std::vector<std::uint8_t> &bytes) {
     return decode(bytes.data(), bytes.size());
 }

@@ -51,5 +51,8 @@ std::string pluginBuildDir();
 // Points GStreamer at the plug-ins of the build tree with a private registry
 // inside dir. Call before gst_init.
 void useBuildPlugins(const std::string& dir);
+// The same with the registry in a temporary directory of this process's own,
+// removed when the process exits. Once per process.
+void useBuildPluginsWithTemporaryRegistry();
 
 } // namespace qxtest
