@@ -1,0 +1,215 @@
+// Faults across processes on the real bus, in both pairings. Guards against a
+// subscriber that does not come back after its publisher was killed and
+// restarted, a publisher held back or growing when its subscriber was killed
+// or is slow, and a malformed flood crashing a reader, costing real frames or
+// passing unnoticed.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <regex>
+#include <thread>
+
+#include "element_support.h"
+#include "marlet/pair_codec.h"
+#include "raw_writer.h"
+
+namespace {
+
+using namespace elemtest;
+using srcexpect::kResultGroups;
+const std::string kCaps = "video/x-raw,format=BGR,width=320,height=240,framerate=30/1";
+const std::string kExact = std::string("pairing=frame-id taggroups=") + kResultGroups;
+const std::string kCompatible = std::string("taggroups=") + kResultGroups;
+
+// Pulls until frame last of stream arrived (or timeout); the buffers of that stream only.
+std::vector<Received> pullStream(Subscriber &s, const std::string &stream, int last, std::chrono::seconds timeout) {
+    std::vector<Received> got;
+    Received r;
+    for (auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;) {
+        if (!s.pull(r, 100ms) || r.frames.size() != 1 || r.frames.front().stream_id != stream) continue;
+        got.push_back(r);
+        if (r.id() == last) break;
+    }
+    return got;
+}
+
+// Frame-id pairing: at least share of the frames up to last, each once, in
+// order, with its own results.
+void expectFrames(const std::vector<Received> &got, int last, double share, const std::string &stream) {
+    EXPECT_GE(got.size(), share * (last + 1)) << "frames lost";
+    ASSERT_FALSE(got.empty());
+    EXPECT_EQ(got.back().id(), last);
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (i > 0) EXPECT_GT(got[i].id(), got[i - 1].id()) << "out of order or repeated";
+        EXPECT_TRUE(srcexpect::sameWithResults(got[i].frames.front(), srcexpect::frame(got[i].id(), stream, 320, 240)));
+    }
+}
+
+TEST(Faults, PublisherKilledAndStartedAgain) {
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber exact(kExact, kCaps), compatible(kCompatible, kCaps);
+    exact.start();
+    compatible.start();
+    auto killed = startPublisher(root, {"BGR", 100000, "first"});
+    ASSERT_FALSE(pullStream(exact, "first", 30, 60s).empty());
+    ASSERT_FALSE(pullStream(compatible, "first", 30, 10s).empty());
+    const double before = residentMb();
+    killed->terminate(SIGKILL);
+    killed->wait(10s);
+    testing::internal::CaptureStdout(); // no ASSERT until it is taken back: it would swallow the report
+
+    // Frame ids start again from 0 in a new publisher process.
+    auto restarted = startPublisher(root, {"BGR", 90, "second"});
+    const auto started = std::chrono::steady_clock::now();
+    const auto exactRun = pullStream(exact, "second", 89, 30s);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s + 3s + 3s) << "resumed too late"; // settle + 90 frames
+    EXPECT_FALSE(pullStream(compatible, "second", 89, 10s).empty()) << "the synchroniser did not resume";
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("clear all queued data from marlet"), std::string::npos);
+    expectFrames(exactRun, 89, 0.9, "second");
+    EXPECT_EQ(restarted->wait(30s), 0);
+    EXPECT_LT(residentMb() - before, 40.0) << "memory grew over a publisher restart";
+}
+
+// The times (s, from the publisher's start) of each frame handled by the sink, from its INFO log.
+std::vector<std::pair<double, double>> frameTimes(const std::string &log) {
+    std::vector<std::pair<double, double>> frames;
+    static const std::regex line(R"((\d+):(\d+):(\d+\.\d+) .*(Call paddingData|qx_edgesink_write_data done))");
+    double begin = 0;
+    for (auto it = std::sregex_iterator(log.begin(), log.end(), line); it != std::sregex_iterator(); ++it) {
+        const auto &m = *it;
+        const double t = std::stod(m[1]) * 3600 + std::stod(m[2]) * 60 + std::stod(m[3]);
+        if (m[4] == "Call paddingData") begin = t;
+        else frames.emplace_back(begin, t);
+    }
+    return frames;
+}
+
+std::size_t countOf(const std::string &text, const std::string &what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+// A subscriber killed mid-stream costs its publisher nothing: no frame takes
+// longer than one frame period to publish after the reader is gone, the
+// publisher keeps 30 frames a second, and its memory stays flat.
+TEST(Faults, SubscriberKilledPublisherKeepsItsRate) {
+    qxtest::ConfigRoot root;
+    auto subscriber = startLaunch(root, {"qxedgesrc", "pairing=frame-id", std::string("taggroups=") + kResultGroups, "!",
+                                         "video/x-raw,format=BGR,width=320,height=240,framerate=30/1", "!", "fakesink"});
+    ASSERT_TRUE(subscriber->waitForOutput("waiting for marlet data", 30s));
+    auto publisher = startPipeline(root, PublisherRun{"BGR", 240, "rate"}.source() +
+                                             " ! qxedgesink name=sink taggroups=" + srcexpect::kAllGroupsWithVideo,
+                                   {"--src-meta", "rate", "--settle-ms", "1000"}, "qxedgesink:4");
+    while (publisher->running() && countOf(publisher->err(), "qx_edgesink_write_data done") < 60)
+        std::this_thread::sleep_for(10ms);
+    subscriber->terminate(SIGKILL);
+    const std::size_t atKill = countOf(publisher->err(), "qx_edgesink_write_data done");
+    const double memoryAtKill = residentMb(std::to_string(publisher->pid()));
+    std::this_thread::sleep_for(3s);
+    const double memoryAfter = residentMb(std::to_string(publisher->pid()));
+    ASSERT_EQ(publisher->wait(30s), 0) << publisher->err();
+
+    const auto frames = frameTimes(publisher->err());
+    ASSERT_EQ(frames.size(), 240u);
+    double longest = 0;
+    for (std::size_t i = atKill; i < frames.size(); ++i)
+        longest = std::max(longest, frames[i].second - frames[i].first);
+    EXPECT_LT(longest, 1.0 / 30) << "a write blocked after the reader was gone";
+    const double rate = (frames.size() - 1 - atKill) / (frames.back().second - frames[atKill].second);
+    EXPECT_GT(rate, 28.0) << "frames per second after the kill";
+    EXPECT_LT(memoryAfter - memoryAtKill, 10.0) << "publisher memory grew after the reader was gone";
+}
+
+// Malformed samples (every way the bytes can be wrong) on every topic, over a
+// thousand a second, beside a real publisher: nothing crashes, frame-id pairing
+// still delivers its frames with their own results, and both sources count
+// what they rejected.
+TEST(Faults, MalformedFloodBesideRealFrames) {
+    qxtest::ConfigRoot root;
+    root.enter();
+    testing::internal::CaptureStdout(); // a line per rejected sample
+    Subscriber exact(kExact, kCaps), compatible(kCompatible, kCaps);
+    exact.start();
+    compatible.start();
+
+    TOLVIXO::Information<TOLVIXO::ClassificationData> classification;
+    classification.frame_id = 1;
+    classification.data.push_back({1, "out", "label", 0.5f});
+    const auto valid = com::quorixtech::marlet::codec::encode(classification.Encode());
+    auto wrongKind = classification.Encode();
+    wrongKind[2].value().iotv_string("not a frame id"); // "frame_id"
+    const std::vector<std::vector<std::uint8_t>> payloads = {
+        {},                                                      // empty
+        {0x00, 0x01, 0x00},                                      // wrong magic
+        {0xB7, 0x09, 0x00},                                      // wrong version
+        {valid.begin(), valid.begin() + valid.size() / 2},       // truncated
+        {0xB7, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F},              // forged count
+        {0xB7, 0x01, 0x01, 0x04, 'd', 'a', 't', 'a', 0x06, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}, // huge length
+        com::quorixtech::marlet::codec::encode(wrongKind),       // wrong kind
+    };
+    std::atomic<bool> flooding{true};
+    std::atomic<long> written{0};
+    std::thread flood([&] {
+        std::vector<std::unique_ptr<marlettest::RawWriter>> writers;
+        for (const char *group : {"VideoFrameData", "ClassificationData", "DetectionBoxData", "SegmentationData",
+                                  "DeviceInfoData"})
+            writers.push_back(std::make_unique<marlettest::RawWriter>(
+                root, ("com/vision/data/" + std::string(group)).c_str(), "flow.flood"));
+        for (std::uint64_t n = 1; flooding; ++n) {
+            for (auto &writer : writers)
+                writer->write(payloads[n % payloads.size()], "flood", "com.vision.data:x", n);
+            written += static_cast<long>(writers.size());
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    });
+    const auto floodStart = std::chrono::steady_clock::now();
+    auto publisher = startPublisher(root, {"BGR", 150, "real"});
+    const auto exactRun = pullStream(exact, "real", 149, 60s);
+    const auto compatibleRun = pullStream(compatible, "real", 149, 10s);
+    flooding = false;
+    flood.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - floodStart).count();
+    EXPECT_EQ(publisher->wait(30s), 0);
+    testing::internal::GetCapturedStdout();
+
+    EXPECT_GT(written / seconds, 1000.0) << "the flood was too thin to show anything";
+    // Real frames compete with the flood for the readers' picture history; most must come through.
+    expectFrames(exactRun, 149, 0.9, "real");
+    EXPECT_FALSE(compatibleRun.empty());
+    for (const Received &r : compatibleRun)
+        if (!r.frames.front().class_results.empty())
+            EXPECT_TRUE(srcexpect::same(r.frames.front().class_results, srcexpect::frame(r.id(), "real", 320, 240).class_results));
+    EXPECT_GT(exact.stat("samples-rejected"), 1000u);
+    EXPECT_GT(compatible.stat("samples-rejected"), 1000u);
+}
+
+// A consumer that takes 200 ms a buffer: the publisher keeps its rate (its
+// QoS never waits for a slow reader), the source drops what it cannot hand on
+// (counted) and its memory stays bounded.
+TEST(Faults, SlowConsumerDoesNotHoldThePublisherBack) {
+    qxtest::ConfigRoot root;
+    root.enter();
+    Subscriber slow(kExact, kCaps + " ! identity sleep-time=200000");
+    slow.start();
+    const auto begin = std::chrono::steady_clock::now();
+    auto publisher = startPublisher(root, {"BGR", 300, "slow"});
+    double lowest = 1e9, highest = 0;
+    Received r;
+    while (publisher->running()) {
+        slow.pull(r, 100ms);
+        const double memory = residentMb();
+        lowest = std::min(lowest, memory);
+        highest = std::max(highest, memory);
+    }
+    EXPECT_EQ(publisher->wait(1s), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s + 10s + 3s) << "the publisher was held back";
+    EXPECT_GT(slow.stat("frames-dropped"), 0u);
+    EXPECT_LT(highest - lowest, 40.0) << "memory grew with the backlog";
+}
+
+} // namespace
