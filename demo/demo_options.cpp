@@ -17,11 +17,13 @@ bool parsePositive(const char* text, int& out) {
 
 const char* usageText() {
     return "usage: qxedge-demo publish [--frames N] [--fps F] [--width W] [--height H] [--context-id ID]\n"
+           "                           [--settle-ms MS]\n"
            "       qxedge-demo subscribe [--seconds S] [--idle S] [--expect N] [--fps F] [--width W] [--height H]\n"
            "                             [--snapshots K] [--out DIR] [--context-id ID] [--pairing MODE]\n"
            "                             [--record yes|no]\n"
            "\n"
-           "publish   runs videotestsrc pattern=ball ! qxanalyze ! qxedgesink with every tag group.\n"
+           "publish   runs videotestsrc pattern=ball ! qxanalyze ! qxedgesink with every tag group, after\n"
+           "          MS milliseconds on the bus without frames (default 1500) for subscribers to find it.\n"
            "subscribe runs qxedgesrc ! qxoverlay, writes DIR/received.mkv and K PNG snapshots, and prints\n"
            "          what it received: frames, frames with matched results, frame rate, latency.\n"
            "          --record no keeps only the counting (no overlay, video or snapshots), for long runs.\n";
@@ -47,7 +49,8 @@ std::optional<DemoOptions> parseOptions(int argc, char** argv, std::string& erro
     };
     const IntOption ints[] = {{"--frames", &o.frames},   {"--fps", &o.fps},         {"--width", &o.width},
                               {"--height", &o.height},   {"--seconds", &o.seconds}, {"--idle", &o.idleSeconds},
-                              {"--expect", &o.expect},   {"--snapshots", &o.snapshots}};
+                              {"--expect", &o.expect},   {"--snapshots", &o.snapshots},
+                              {"--settle-ms", &o.settleMs}};
     for (int i = 2; i < argc; ++i) {
         const char* arg = argv[i];
         if (i + 1 >= argc) {

@@ -9,6 +9,7 @@ namespace qxdemo {
 struct DemoOptions {
     enum class Mode { publish, subscribe } mode = Mode::publish;
     int frames = 300;        // publisher: frames to send
+    int settleMs = 1500;     // publisher: time in READY for subscribers to discover it
     int fps = 30;            // both: frame rate of the stream
     int width = 640;         // both: picture size
     int height = 480;

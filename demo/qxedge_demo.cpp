@@ -105,13 +105,14 @@ int runPublisher(const DemoOptions& o) {
     gst_object_unref(sink);
 
     // The sink joins the bus on the way to READY; give the subscriber's
-    // readers a moment to discover it before the first frame goes out.
+    // readers a moment to discover it before the first frame goes out (a
+    // secured bus authenticates each pair of participants first, which takes longer).
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
         std::cerr << "qxedge-demo: publisher could not open the bus\n";
         gst_object_unref(pipeline);
         return 1;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(o.settleMs));
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     const GstClockTime budget = (static_cast<GstClockTime>(o.frames) / o.fps + 30) * GST_SECOND;
     const bool ok = waitForEnd(pipeline, budget);

@@ -70,7 +70,8 @@ TEST(Faults, PublisherKilledAndStartedAgain) {
     EXPECT_NE(testing::internal::GetCapturedStdout().find("clear all queued data from marlet"), std::string::npos);
     expectFrames(exactRun, 89, 0.9, "second");
     EXPECT_EQ(restarted->wait(30s), 0);
-    EXPECT_LT(residentMb() - before, 40.0) << "memory grew over a publisher restart";
+    if (kResidentMemoryTells)
+        EXPECT_LT(residentMb() - before, 40.0) << "memory grew over a publisher restart";
 }
 
 // The times (s, from the publisher's start) of each frame handled by the sink, from its INFO log.
@@ -122,7 +123,8 @@ TEST(Faults, SubscriberKilledPublisherKeepsItsRate) {
     EXPECT_LT(longest, 1.0 / 30) << "a write blocked after the reader was gone";
     const double rate = (frames.size() - 1 - atKill) / (frames.back().second - frames[atKill].second);
     EXPECT_GT(rate, 28.0) << "frames per second after the kill";
-    EXPECT_LT(memoryAfter - memoryAtKill, 10.0) << "publisher memory grew after the reader was gone";
+    if (kResidentMemoryTells)
+        EXPECT_LT(memoryAfter - memoryAtKill, 10.0) << "publisher memory grew after the reader was gone";
 }
 
 // Malformed samples (every way the bytes can be wrong) on every topic, over a
@@ -209,7 +211,8 @@ TEST(Faults, SlowConsumerDoesNotHoldThePublisherBack) {
     EXPECT_EQ(publisher->wait(1s), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s + 10s + 3s) << "the publisher was held back";
     EXPECT_GT(slow.stat("frames-dropped"), 0u);
-    EXPECT_LT(highest - lowest, 40.0) << "memory grew with the backlog";
+    if (kResidentMemoryTells)
+        EXPECT_LT(highest - lowest, 40.0) << "memory grew with the backlog";
 }
 
 } // namespace
