@@ -1,5 +1,7 @@
 #include "element_support.h"
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -159,9 +161,9 @@ std::unique_ptr<qxtest::ChildProcess> startLaunch(const qxtest::ConfigRoot &root
 }
 
 std::string PublisherRun::source() const {
-    return "videotestsrc num-buffers=" + std::to_string(frames) + " pattern=smpte horizontal-speed=8 ! video/x-raw,format=" +
-           format + ",width=" + std::to_string(width) + ",height=" + std::to_string(height) + ",framerate=30/1" +
-           (encoder.empty() ? "" : " ! " + encoder);
+    return "videotestsrc num-buffers=" + std::to_string(frames) +
+           " pattern=smpte horizontal-speed=8 ! video/x-raw,format=" + format + ",width=" + std::to_string(width) +
+           ",height=" + std::to_string(height) + ",framerate=30/1" + (encoder.empty() ? "" : " ! " + encoder);
 }
 
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run) {
@@ -170,22 +172,26 @@ std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &r
     return startPipeline(root, launch, {"--src-meta", run.stream, "--settle-ms", "1000"});
 }
 
-std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publisher, int lastFrameId) {
-    std::vector<Received> received;
+std::vector<Received> pull(Subscriber &subscriber, const std::string &stream, Until until) {
+    std::vector<Received> got;
     auto quietSince = std::chrono::steady_clock::now();
-    const auto deadline = quietSince + 120s;
+    const auto deadline = quietSince + until.timeout;
     for (Received r; std::chrono::steady_clock::now() < deadline;) {
-        if (subscriber.pull(r, 200ms)) {
-            received.push_back(std::move(r));
+        if (subscriber.pull(r, 100ms)) {
             quietSince = std::chrono::steady_clock::now();
-            if (received.back().id() == lastFrameId) break;
-        } else if (publisher.running()) {
-            quietSince = std::chrono::steady_clock::now();
-        } else if (std::chrono::steady_clock::now() - quietSince > 3s) {
+            if (r.bgr.empty() && r.encoded.empty()) ADD_FAILURE() << "a buffer without a picture";
+            if (r.frames.size() != 1) ADD_FAILURE() << "a buffer without a received frame";
+            if (r.frames.size() != 1 || r.frames.front().stream_id != stream) continue;
+            got.push_back(std::move(r));
+            if (got.back().id() == until.lastId || got.size() == until.count) break;
+        } else if (until.publisher && !until.publisher->running() &&
+                   std::chrono::steady_clock::now() - quietSince > 3s) {
             break;
+        } else if (until.publisher && until.publisher->running()) {
+            quietSince = std::chrono::steady_clock::now();
         }
     }
-    return received;
+    return got;
 }
 
 namespace {
@@ -207,7 +213,8 @@ template <typename Take> void forEachReferenceSample(const std::string &source, 
 
 std::vector<cv::Mat> referenceFrames(const std::string &source) {
     std::vector<cv::Mat> out;
-    forEachReferenceSample(source, [&](GstSample *s) { out.push_back(toBgr(gst_sample_get_buffer(s), gst_sample_get_caps(s))); });
+    forEachReferenceSample(
+        source, [&](GstSample *s) { out.push_back(toBgr(gst_sample_get_buffer(s), gst_sample_get_caps(s))); });
     return out;
 }
 

@@ -90,9 +90,17 @@ struct PublisherRun {
 };
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
 
-// Pulls buffers until frame lastFrameId arrived, or nothing more came for a
-// while after the publisher ended.
-std::vector<Received> collect(Subscriber &subscriber, qxtest::ChildProcess &publisher, int lastFrameId);
+// When pull() stops: at frame lastId, after count buffers, when the publisher
+// (if given) ended and nothing came for 3 s, or when the time is up.
+struct Until {
+    int lastId = -1;
+    std::size_t count = 0;
+    std::chrono::seconds timeout = 60s;
+    qxtest::ChildProcess *publisher = nullptr;
+};
+// The buffers of one stream (others are passed over); a buffer without a
+// picture or without exactly one received frame is a failure.
+std::vector<Received> pull(Subscriber &subscriber, const std::string &stream, Until until);
 
 // What a source makes when run alone: each picture as B,G,R, or each buffer's bytes.
 std::vector<cv::Mat> referenceFrames(const std::string &source);

@@ -1,7 +1,9 @@
 #pragma once
-// What the publishing helper attaches to frame n, shared by the helper (which
-// writes it) and the qxedgesrc tests (which compare what arrived with it).
-// Every value depends on the frame id, so a result paired with the wrong frame shows.
+// The batch metadata that the publishing helper attaches to frame n, shared by
+// the helper (which writes it) and the tests (which compare what arrived with
+// it). Every value depends on the frame id, and the number of class results
+// changes from frame to frame, so a result paired with the wrong frame or
+// repeated from an earlier one shows.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,9 +21,13 @@ inline constexpr const char *kAllGroupsWithVideo =
     "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData+VideoFrameData";
 inline constexpr const char *kResultGroups = "ClassificationData+DetectionBoxData+SegmentationData+DeviceInfoData";
 
-// Segmentation map: kSegRows rows of kSegCols pixels, runs of two equal pixels.
-inline constexpr int kSegRows = 3;
-inline constexpr int kSegCols = 6;
+// Segmentation map of 2 rows of 5 pixels: a a b b b / a a a a c, with classes from the frame id.
+inline constexpr int kSegRows = 2;
+inline constexpr int kSegCols = 5;
+inline int segClass(int id, int row, int col) {
+    const int pattern[kSegRows][kSegCols] = {{0, 0, 1, 1, 1}, {0, 0, 0, 0, 2}};
+    return (id + pattern[row][col]) % 3;
+}
 
 inline VideoFrameData frame(int id, const std::string &stream, int width, int height) {
     VideoFrameData f;
@@ -34,38 +40,23 @@ inline VideoFrameData frame(int id, const std::string &stream, int width, int he
     f.channels = 3;
     f.device_idx = 0;
     f.is_compress = false;
+    for (int k = 0; k <= id % 3; ++k)
+        f.class_results.push_back({id % 5 + k, "out-" + std::to_string(id) + "-" + std::to_string(k),
+                                   "cls-" + std::to_string(id % 7 + k),
+                                   0.25f + 0.125f * static_cast<float>((id + k) % 4)});
     for (int k = 0; k < 2; ++k) {
-        quorix::ai::ClassificationResult c;
-        c.index = id % 5 + k;
-        c.output = "out-" + std::to_string(id) + "-" + std::to_string(k);
-        c.label = "cls-" + std::to_string(id % 7 + k);
-        c.prob = 0.25f + 0.125f * static_cast<float>((id + k) % 4);
-        f.class_results.push_back(c);
-    }
-    for (int k = 0; k < 2; ++k) {
-        quorix::ai::DetectionBoxResult d;
-        d.obj_id = id * 10 + k;
-        d.obj_label = "obj-" + std::to_string(id) + "-" + std::to_string(k);
-        d.class_id = (id + k) % 3;
-        d.class_label = "class-" + std::to_string((id + k) % 3);
-        d.x1 = static_cast<float>(id % 50 + k);
-        d.y1 = static_cast<float>(id % 40 + 2 * k);
-        d.x2 = d.x1 + 20.5f;
-        d.y2 = d.y1 + 10.25f;
-        d.prob = 0.5f + 0.0625f * static_cast<float>(k);
-        d.meta = "meta-" + std::to_string(id);
-        f.det_results.push_back(d);
+        const float x = static_cast<float>(id % 50 + k), y = static_cast<float>(id % 40 + 2 * k);
+        f.det_results.push_back({id * 10 + k, "obj-" + std::to_string(id) + "-" + std::to_string(k), (id + k) % 3,
+                                 "class-" + std::to_string((id + k) % 3), x, y, x + 20.5f, y + 10.25f,
+                                 0.5f + 0.0625f * static_cast<float>(k), "meta-" + std::to_string(id)});
     }
     for (int r = 0; r < kSegRows; ++r) {
-        std::vector<quorix::ai::SegmentResult> row;
+        f.seg_results.emplace_back();
         for (int c = 0; c < kSegCols; ++c) {
-            quorix::ai::SegmentResult s;
-            s.class_id = (id + r + c / 2) % 3;
-            s.prob = 0.5f + 0.125f * static_cast<float>(s.class_id);
-            s.label = "seg-" + std::to_string(s.class_id);
-            row.push_back(s);
+            const int cls = segClass(id, r, c);
+            f.seg_results.back().push_back(
+                {cls, 0.5f + 0.125f * static_cast<float>(cls), "seg-" + std::to_string(cls)});
         }
-        f.seg_results.push_back(row);
     }
     return f;
 }
@@ -73,21 +64,35 @@ inline VideoFrameData frame(int id, const std::string &stream, int width, int he
 // The device does not change from frame to frame: the subscriber pairs a frame
 // with whichever device record came last.
 inline DeviceInfoData device() {
-    DeviceInfoData d;
-    d.stream_id = "device-stream";
-    d.mac_address = "02:00:00:00:00:01";
-    d.ip_address = "127.0.0.1";
-    d.port = 8554;
-    d.uri = "rtsp://127.0.0.1:8554/cam";
-    d.manufacturer = "Test Maker";
-    d.model = "Model T";
-    d.serial = "SN-0001";
-    d.fw_version = "v9.9";
-    d.dev_id = "cam-1";
-    d.status = "com.vision.models.DEVICE_STATUS_ONLINE";
-    d.kind = "com.vision.models.DEVICE_KIND_CAMERA";
-    d.protocol = "com.vision.models.INTERFACE_RTSP";
-    return d;
+    return {"device-stream",
+            "02:00:00:00:00:01",
+            "127.0.0.1",
+            8554,
+            "rtsp://127.0.0.1:8554/cam",
+            "Test Maker",
+            "Model T",
+            "SN-0001",
+            "v9.9",
+            "cam-1",
+            "com.vision.models.DEVICE_STATUS_ONLINE",
+            "com.vision.models.DEVICE_KIND_CAMERA",
+            "com.vision.models.INTERFACE_RTSP"};
+}
+
+// The sink's own checks (helper option --meta): frame ids from kFrameIdBase, two
+// devices, and a device index that points at the second device on even frames
+// and one past the list on odd ones, which the sink must publish as its filler
+// device; the second device's empty uri goes out as "Not Set".
+inline constexpr int kFrameIdBase = 1000;
+inline void fillSinkBatch(GstQxBatchMeta *batch, int n, int width, int height) {
+    DeviceInfoData first;
+    first.stream_id = "cam-a";
+    DeviceInfoData second = device();
+    second.uri = "";
+    second.serial = "SN-" + std::to_string(n);
+    batch->devices = {first, second};
+    batch->frames = {frame(kFrameIdBase + n, "cam-b", width, height)};
+    batch->frames[0].device_idx = n % 2 == 0 ? 1 : 2;
 }
 
 // Every field of a record, for whole-record comparison. Floats compare exactly:
