@@ -1,9 +1,10 @@
-// Pixel converters: strided planes in, the same pictures OpenCV makes from
-// packed input out; encoders round trip within a stated tolerance.
+// Guards the pixel converters between 4:2:0 frames and B,G,R images: a wrong colour
+// matrix or channel order, chroma from the wrong row or plane, padding read as
+// picture, writes past a row's padding or the packed chroma run, and odd sizes
+// (the caps allow any size from 1) that fail or lose their last row or column.
 
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
@@ -13,200 +14,106 @@
 
 namespace {
 
-constexpr int kWidth = 64;
-constexpr int kHeight = 48;
-constexpr int kStrideY = kWidth + 16;
-constexpr int kStrideC = kWidth / 2 + 24;
-// 4:2:0 subsampling of a smooth picture plus 8-bit rounding in both
-// directions stays well inside this (per channel, absolute).
+// 4:2:0 subsampling of a smooth picture plus 8-bit rounding both ways stays
+// well inside this (per channel, absolute).
 constexpr double kRoundTripTolerance = 6;
 
-// A smooth 3-channel picture: gradients in both directions.
-cv::Mat smoothImage() {
-    cv::Mat img(kHeight, kWidth, CV_8UC3);
-    for (int r = 0; r < kHeight; ++r)
-        for (int c = 0; c < kWidth; ++c)
-            img.at<cv::Vec3b>(r, c) =
-                cv::Vec3b(static_cast<unsigned char>(40 + 2 * c), static_cast<unsigned char>(30 + 3 * r),
-                          static_cast<unsigned char>(200 - c - r));
+// A smooth picture: four corners of different colours, blended in between.
+cv::Mat smoothImage(int width, int height) {
+    const cv::Mat corners = (cv::Mat_<cv::Vec3b>(2, 2) << cv::Vec3b(60, 50, 170), cv::Vec3b(100, 60, 150),
+                             cv::Vec3b(70, 100, 140), cv::Vec3b(110, 110, 120));
+    cv::Mat img;
+    cv::resize(corners, img, cv::Size(width, height));
     return img;
 }
 
-// Packed I420 with noisy content, as a single matrix (Y, U, V).
-cv::Mat packedI420() {
-    cv::Mat yuv(kHeight + kHeight / 2, kWidth, CV_8UC1);
-    cv::RNG rng(7);
-    rng.fill(yuv, cv::RNG::UNIFORM, 16, 240);
-    return yuv;
-}
-
-std::vector<unsigned char> spread(const unsigned char *src, int rows, int cols, int stride, unsigned char filler) {
-    std::vector<unsigned char> out(static_cast<std::size_t>(rows) * stride, filler);
-    for (int r = 0; r < rows; ++r)
-        std::copy(src + r * cols, src + (r + 1) * cols, out.begin() + r * stride);
-    return out;
-}
-
-double maxDiff(const cv::Mat &a, const cv::Mat &b) { return cv::norm(a, b, cv::NORM_INF); }
-
 } // namespace
 
-TEST(RecordsConvert, I420PlanesWithStridesGiveOpenCvsPicture) {
-    const cv::Mat packed = packedI420();
-    const unsigned char *y = packed.data;
-    const unsigned char *u = y + kWidth * kHeight;
-    const unsigned char *v = u + (kWidth / 2) * (kHeight / 2);
-    const auto ys = spread(y, kHeight, kWidth, kStrideY, 0);
-    const auto us = spread(u, kHeight / 2, kWidth / 2, kStrideC, 0);
-    const auto vs = spread(v, kHeight / 2, kWidth / 2, kStrideC, 255);
-
-    const cv::Mat rebuilt = createYUVI420p(kWidth, kHeight, ys.data(), us.data(), vs.data(), kStrideY, kStrideC);
-    ASSERT_EQ(rebuilt.rows, kHeight + kHeight / 2);
-    EXPECT_EQ(maxDiff(rebuilt, packed), 0);
-
-    cv::Mat expected;
-    cv::cvtColor(packed, expected, cv::COLOR_YUV2BGR_I420);
-    const cv::Mat bgr = YUV420p2BGR888(kWidth, kHeight, ys.data(), us.data(), vs.data(), kStrideY, kStrideC);
-    ASSERT_EQ(bgr.type(), CV_8UC3);
-    ASSERT_EQ(bgr.size(), cv::Size(kWidth, kHeight));
-    EXPECT_EQ(maxDiff(bgr, expected), 0);
-}
-
-TEST(RecordsConvert, Nv12PlanesWithStridesGiveOpenCvsPicture) {
-    cv::Mat packed = packedI420(); // reused as Y plus interleaved UV: same size
-    const unsigned char *y = packed.data;
-    const unsigned char *uv = y + kWidth * kHeight;
-    const auto ys = spread(y, kHeight, kWidth, kStrideY, 0);
-    const int strideUV = kWidth + 8;
-    const auto uvs = spread(uv, kHeight / 2, kWidth, strideUV, 0);
-
-    cv::Mat expected;
-    cv::cvtColor(packed, expected, cv::COLOR_YUV2BGR_NV12);
-    const cv::Mat bgr = YUVNV122BGR888(kWidth, kHeight, ys.data(), uvs.data(), kStrideY, strideUV);
-    ASSERT_EQ(bgr.size(), cv::Size(kWidth, kHeight));
-    EXPECT_EQ(maxDiff(bgr, expected), 0);
-}
-
-TEST(RecordsConvert, I420EncoderReadsRgbAndRoundTrips) {
-    const cv::Mat rgb = smoothImage();
-    std::vector<unsigned char> y(kHeight * kStrideY), u(kHeight / 2 * kStrideC), v(kHeight / 2 * kStrideC);
-    int strideY = kStrideY;
-    int strideC = kStrideC;
-    RGB8882YUVI420p(rgb, y.data(), u.data(), v.data(), strideY, strideC);
-
-    const cv::Mat back = YUV420p2BGR888(kWidth, kHeight, y.data(), u.data(), v.data(), kStrideY, kStrideC);
-    cv::Mat backRgb;
-    cv::cvtColor(back, backRgb, cv::COLOR_BGR2RGB);
-    EXPECT_LE(maxDiff(backRgb, rgb), kRoundTripTolerance);
-
-    // First channel taken as red: a picture that is 255 there has high Cr.
-    const cv::Mat red(kHeight, kWidth, CV_8UC3, cv::Scalar(255, 0, 0));
-    RGB8882YUVI420p(red, y.data(), u.data(), v.data(), strideY, strideC);
-    EXPECT_GT(v[0], 200);
-    EXPECT_LT(u[0], 128);
-}
-
-TEST(RecordsConvert, Nv12EncoderReadsBgrAndPacksChromaWithoutStride) {
-    const cv::Mat bgr = smoothImage();
-    const std::size_t chromaBytes = static_cast<std::size_t>(kWidth) * (kHeight / 2);
-    std::vector<unsigned char> y(kHeight * kStrideY, 0);
-    std::vector<unsigned char> uv(chromaBytes + 64, 0xAB); // guard bytes after the packed run
-    int strideY = kStrideY;
-    RGB8882YUVNV12(bgr, y.data(), uv.data(), strideY);
-    for (std::size_t i = chromaBytes; i < uv.size(); ++i)
-        ASSERT_EQ(uv[i], 0xAB) << "written past the packed run at " << i;
-
-    const cv::Mat back = YUVNV122BGR888(kWidth, kHeight, y.data(), uv.data(), kStrideY, kWidth);
-    EXPECT_LE(maxDiff(back, bgr), kRoundTripTolerance);
-
-    // First channel taken as blue: Cb (the first of each pair) is high.
-    const cv::Mat blue(kHeight, kWidth, CV_8UC3, cv::Scalar(255, 0, 0));
-    RGB8882YUVNV12(blue, y.data(), uv.data(), strideY);
-    EXPECT_GT(uv[0], 200);
-    EXPECT_LT(uv[1], 128);
-}
-
-// Odd sizes (the caps allow any size from 1), with padded strides: decoding
-// gives the whole picture and, on its even part, exactly OpenCV's picture of
-// that part; the frame writers fill every plane of an odd frame as video
-// frames lay it out ((w+1)/2 x (h+1)/2 chroma), never past a row's padding,
-// and the picture comes back. Before, cvtColor threw on every odd size.
-TEST(RecordsConvert, OddSizesConvertBothWays) {
+// Planes lie one after the other in one buffer, each row at its stride, with
+// guard bytes after the last plane; "packed" is a frame's usual layout with no
+// padding at all. Decoding gives the whole picture and, on its even part,
+// exactly OpenCV's picture of that part. The frame writers (or, on even sizes,
+// the encoders, which write NV12 chroma as one run without stride) cover
+// exactly the bytes of their layout, and the picture comes back.
+TEST(RecordsConvert, FramesOfEveryLayoutConvertBothWays) {
     struct Case {
         bool nv12;
-        int width;
-        int height;
+        int w;
+        int h;
+        bool packed;
+        bool encoder;
     };
-    for (const Case c : {Case{false, 321, 241}, Case{true, 321, 241}, Case{false, 320, 241}, Case{true, 321, 240},
-                         Case{false, 1, 1}}) {
-        SCOPED_TRACE(std::string(c.nv12 ? "NV12 " : "I420 ") + std::to_string(c.width) + "x" +
-                     std::to_string(c.height));
-        const int cw = (c.width + 1) / 2;
-        const int ch = (c.height + 1) / 2;
-        const int strideY = c.width + 7;
-        const int strideC = (c.nv12 ? 2 * cw : cw) + 5;
-        cv::Mat planes(c.height + 2 * ch, std::max(strideY, 2 * strideC), CV_8UC1);
-        cv::RNG(3).fill(planes, cv::RNG::UNIFORM, 16, 240);
-        unsigned char *y = planes.ptr(0);
-        unsigned char *u = planes.ptr(c.height);
-        unsigned char *v = planes.ptr(c.height + ch);
-
-        const cv::Mat bgr = c.nv12 ? YUVNV122BGR888(c.width, c.height, y, u, strideY, strideC)
-                                   : YUV420p2BGR888(c.width, c.height, y, u, v, strideY, strideC);
-        ASSERT_EQ(bgr.size(), cv::Size(c.width, c.height));
-        const int ew = c.width & ~1;
-        const int eh = c.height & ~1;
-        if (ew > 0 && eh > 0) {
-            cv::Mat even(eh + eh / 2, ew, CV_8UC1);
-            for (int r = 0; r < eh; ++r)
-                std::copy(y + r * strideY, y + r * strideY + ew, even.ptr(r));
-            for (int r = 0; r < eh / 2; ++r) {
-                if (c.nv12) {
-                    std::copy(u + r * strideC, u + r * strideC + ew, even.ptr(eh + r));
-                } else {
-                    std::copy(u + r * strideC, u + r * strideC + ew / 2, even.ptr(eh) + r * (ew / 2));
-                    std::copy(v + r * strideC, v + r * strideC + ew / 2, even.ptr(eh) + (eh / 2 + r) * (ew / 2));
-                }
-            }
-            cv::Mat expected;
-            cv::cvtColor(even, expected, c.nv12 ? cv::COLOR_YUV2BGR_NV12 : cv::COLOR_YUV2BGR_I420);
-            EXPECT_EQ(maxDiff(bgr(cv::Rect(0, 0, ew, eh)), expected), 0);
-        }
-
-        // Back into a frame whose plane rows carry guard bytes after their padding.
-        const cv::Mat picture = smoothImage()(cv::Rect(0, 0, std::min(c.width, kWidth), std::min(c.height, kHeight)));
-        cv::Mat source;
-        cv::resize(picture, source, cv::Size(c.width, c.height));
-        // Written over two different fills: what the writer covers agrees, the rest keeps its fill.
-        cv::Mat first;
-        for (const unsigned char fill : {0x00, 0xFF}) {
-            planes.setTo(fill);
-            if (c.nv12)
-                writeNV12Frame(source, c.width, c.height, y, strideY, u, strideC);
-            else
-                writeI420Frame(source, c.width, c.height, y, strideY, u, strideC, v, strideC);
-            if (first.empty()) first = planes.clone();
-        }
-        const int chromaBytes = c.nv12 ? 2 * cw : cw;
-        auto covered = [&](const unsigned char *row, int bytes, int stride) {
-            const long at = row - planes.data;
-            for (int i = 0; i < stride; ++i) {
-                const bool same = first.data[at + i] == planes.data[at + i];
-                if (same != (i < bytes)) return false;
-            }
-            return true;
+    const Case cases[] = {
+        {false, 64, 48, false, false},   {false, 64, 48, true, false},   {true, 64, 48, false, false},
+        {true, 64, 48, true, false},     {false, 64, 48, false, true},   {true, 64, 48, false, true},
+        {false, 321, 241, false, false}, {true, 321, 241, false, false}, {false, 320, 241, false, false},
+        {true, 321, 240, false, false},  {false, 1, 1, false, false}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.nv12 ? "NV12 " : "I420 ") + std::to_string(c.w) + "x" + std::to_string(c.h) +
+                     (c.packed ? " packed" : "") + (c.encoder ? " encoder" : ""));
+        const int w = c.w;
+        const int h = c.h;
+        const int cw = (w + 1) / 2;
+        const int ch = (h + 1) / 2;
+        const int strideY = w + (c.packed ? 0 : 7);
+        const int strideC = (c.nv12 ? 2 * cw : cw) + (c.packed ? 0 : 5);
+        const int lumaBytes = strideY * h;
+        const int chromaPlane = strideC * ch;
+        cv::Mat buffer(1, lumaBytes + 2 * chromaPlane + 64, CV_8UC1);
+        cv::RNG(3).fill(buffer, cv::RNG::UNIFORM, 16, 240);
+        unsigned char *y = buffer.data;
+        unsigned char *u = y + lumaBytes;
+        unsigned char *v = u + chromaPlane;
+        const auto decode = [&](int chromaStride) {
+            return c.nv12 ? YUVNV122BGR888(w, h, y, u, strideY, chromaStride)
+                          : YUV420p2BGR888(w, h, y, u, v, strideY, chromaStride);
         };
-        for (int r = 0; r < c.height; ++r)
-            ASSERT_TRUE(covered(y + r * strideY, c.width, strideY)) << "Y row " << r;
-        for (int r = 0; r < ch; ++r) {
-            ASSERT_TRUE(covered(u + r * strideC, chromaBytes, strideC)) << "chroma row " << r;
-            if (!c.nv12) ASSERT_TRUE(covered(v + r * strideC, cw, strideC)) << "V row " << r;
+        const cv::Mat bgr = decode(strideC);
+        ASSERT_EQ(bgr.size(), cv::Size(w, h));
+        const cv::Rect even(0, 0, w & ~1, h & ~1);
+        if (!even.empty()) {
+            // The even part, packed, as OpenCV takes it.
+            cv::Mat packed(even.height * 3 / 2, even.width, CV_8UC1);
+            unsigned char *out = packed.data;
+            for (int r = 0; r < even.height; ++r, out += even.width)
+                std::copy_n(y + r * strideY, even.width, out);
+            const int chromaRow = c.nv12 ? even.width : even.width / 2;
+            for (int r = 0; r < (c.nv12 ? 1 : 2) * even.height / 2; ++r, out += chromaRow)
+                std::copy_n((r < even.height / 2 ? u + r * strideC : v + (r - even.height / 2) * strideC), chromaRow,
+                            out);
+            cv::Mat expected;
+            cv::cvtColor(packed, expected, c.nv12 ? cv::COLOR_YUV2BGR_NV12 : cv::COLOR_YUV2BGR_I420);
+            EXPECT_EQ(cv::norm(bgr(even), expected, cv::NORM_INF), 0);
+            if (!c.nv12 && even.size() == bgr.size())
+                EXPECT_EQ(cv::norm(createYUVI420p(w, h, y, u, v, strideY, strideC), packed, cv::NORM_INF), 0);
         }
-        const cv::Mat back = c.nv12 ? YUVNV122BGR888(c.width, c.height, y, u, strideY, strideC)
-                                    : YUV420p2BGR888(c.width, c.height, y, u, v, strideY, strideC);
+        const cv::Mat source = smoothImage(w, h);
+        const int chromaStride = c.encoder && c.nv12 ? w : strideC;
+        const auto write = [&] {
+            int sy = strideY;
+            int sc = strideC;
+            if (c.encoder && c.nv12) RGB8882YUVNV12(source, y, u, sy);
+            if (c.encoder && !c.nv12) RGB8882YUVI420p(source, y, u, v, sy, sc);
+            if (!c.encoder && c.nv12) writeNV12Frame(source, w, h, y, strideY, u, strideC);
+            if (!c.encoder && !c.nv12) writeI420Frame(source, w, h, y, strideY, u, strideC, v, strideC);
+        };
+        // Written over two different fills: what the writer covers agrees, the rest keeps its fill.
+        buffer.setTo(0x00);
+        write();
+        const cv::Mat first = buffer.clone();
+        buffer.setTo(0xFF);
+        write();
+        for (int i = 0; i < lumaBytes + 2 * chromaPlane + 64; ++i) {
+            const int j = (i - lumaBytes) % chromaPlane;
+            const bool covered = i < lumaBytes ? i % strideY < w
+                                               : i < lumaBytes + (c.nv12 ? 1 : 2) * chromaPlane &&
+                                                     j / chromaStride < ch && j % chromaStride < (c.nv12 ? 2 * cw : cw);
+            ASSERT_EQ(first.data[i] == buffer.data[i], covered) << "byte " << i;
+        }
+        // The I420 writers read R,G,B, the NV12 ones B,G,R.
         cv::Mat expected = source;
-        if (!c.nv12) cv::cvtColor(source, expected, cv::COLOR_RGB2BGR); // the I420 writer reads R,G,B
-        if (ew > 0 && eh > 0)
-            EXPECT_LE(maxDiff(back(cv::Rect(0, 0, ew, eh)), expected(cv::Rect(0, 0, ew, eh))), kRoundTripTolerance);
+        if (!c.nv12) cv::cvtColor(source, expected, cv::COLOR_RGB2BGR);
+        if (!even.empty())
+            EXPECT_LE(cv::norm(decode(chromaStride)(even), expected(even), cv::NORM_INF), kRoundTripTolerance);
     }
 }

@@ -1,330 +1,196 @@
-// The five separate bus records: wire tables, round trips, decoding rules,
-// text dumps and FrameInfo::Copy.
+// Guards the records on the wire, separate and combined: a pair renamed, retyped,
+// reordered or given its neighbour's value (peers then read garbage), a list left
+// out when empty, a decoder that loses a field or mishandles names it does not
+// know or values of the wrong kind, and the exact debug dumps operators read.
 
-#include <functional>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "frame_information.h"
 #include "helpers/edge_sample_records.h"
-#include "records_test_helpers.h"
+#include "pair_builders.h"
+#include "pair_text.h"
+#include "uni_information.h"
 
-using namespace rectest;
-using TOLVIXO::ClassificationData;
-using TOLVIXO::DecodeRecord;
-using TOLVIXO::DetectionBoxData;
-using TOLVIXO::DeviceInfo;
-using TOLVIXO::FrameInfo;
-using TOLVIXO::Information;
-using TOLVIXO::SegmentationData;
-using TOLVIXO::SegmentInfo;
+using namespace pairtest;
+using namespace TOLVIXO;
+using com::quorixtech::iot::IotKindError;
+using Pairs = std::vector<IOT_NVP>;
 
 namespace {
 
 namespace es = edge_samples;
+using Classifications = Information<ClassificationData>;
+using Detections = Information<DetectionBoxData>;
 
-const Wire kResultHeaderWire = {{"engine_id", S}, {"stream_id", S}, {"frame_id", U32}, {"data", SEQ}};
-const Wire kClassWire = {{"index", I32}, {"output", S}, {"label", S}, {"probability", F32}};
-const Wire kBoxWire = {{"obj_id", I32}, {"obj_label", S}, {"class_id", I32}, {"class_label", S},   {"x1", F32},
-                       {"y1", F32},     {"x2", F32},      {"y2", F32},       {"probability", F32}, {"meta", S}};
-const Wire kSegmentWire = {{"engine_id", S}, {"stream_id", S}, {"frame_id", U32}, {"inference_id", U32}, {"data", SEQ}};
-
-FrameInfo sampleFrame(std::size_t bytes = 12) {
-    FrameInfo f;
-    f.stream_id = "cam-1";
-    f.frame_id = 42;
-    f.timestamp = 20240102030405006LL;
-    for (std::size_t i = 0; i < bytes; ++i)
-        f.data.push_back(static_cast<unsigned char>(i + 1));
-    f.width = 4;
-    f.height = 1;
-    f.channels = 3;
-    f.size = static_cast<std::uint32_t>(bytes);
-    f.format = "com.vision.models.PIXEL_FORMAT_BGR8";
-    f.compression = "com.vision.models.COMPRESSION_KIND_NONE";
-    f.framerate = 29.97f;
-    return f;
+FrameInfo sampleFrame() {
+    return {"cam-1", 42,    20240102030405006LL, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, 4, 1, 3, 12, "bgr",
+            "none",  29.97f};
 }
 
-SegmentInfo sampleSegments(std::size_t count = 2) {
-    SegmentInfo s;
-    s.engine_id = "eng";
-    s.stream_id = "cam";
-    s.frame_id = 11;
-    s.inference_id = 12;
-    for (std::size_t i = 0; i < count; ++i) {
-        const auto n = static_cast<std::uint32_t>(i);
-        const auto byte = static_cast<unsigned char>(n);
-        s.data.push_back({n, 2, 100 + n, 50, 3, 1, 0xff00ff, "label" + std::to_string(n), 0.5f, {1, 2, byte}});
-    }
-    return s;
+// Decodes pairs as a record of type R and encodes that record again.
+template <typename R> Pairs reencode(const Pairs &pairs) {
+    R record;
+    DecodeRecord(pairs, record);
+    return record.Encode();
 }
+template <> Pairs reencode<UniInfo>(const Pairs &pairs) { return UniInfo::Decode(pairs).Encode(); }
 
-template <typename Record> Record decoded(const Pairs &pairs) {
-    Record r;
-    DecodeRecord(pairs, r);
-    return r;
-}
+using Reencode = Pairs (*)(const Pairs &);
 
 } // namespace
 
-// Whole encodings written out by hand: names, kinds, order and that every
-// value lands in its own pair (distinct values, so a neighbour's shows).
-TEST(RecordsWire, FrameDeviceAndBoxEncodeAsPeersExpect) {
-    EXPECT_EQ(sampleFrame().Encode(),
-              (Pairs{str("stream_id", "cam-1"), u32("frame_id", 42), i64("timestamp", 20240102030405006LL),
-                     bytes("data", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), u32("width", 4), u32("height", 1),
-                     u32("channels", 3), u32("size", 12), str("format", "com.vision.models.PIXEL_FORMAT_BGR8"),
-                     str("compression", "com.vision.models.COMPRESSION_KIND_NONE"), f32("framerate", 29.97f)}));
-    EXPECT_EQ(
-        es::device().Encode(),
-        (Pairs{str("stream_id", "cam-front"), str("mac_address", "02:42:ac:11:00:02"), str("ip_address", "127.0.0.2"),
-               i32("port", -554), str("uri", "rtsp://127.0.0.2/stream1"), str("manufacturer", "Quorix"),
-               str("model", "QX-CAM-9"), str("serial", "SN-0042"), str("fw_version", "3.1.4"), str("dev_id", "dev-7"),
-               str("status", "com.vision.models.DEVICE_STATUS_ONLINE"),
-               str("kind", "com.vision.models.DEVICE_KIND_CAMERA"),
-               str("protocol", "com.vision.models.INTERFACE_RTSP")}));
-    // Box members are declared in another order than they go on the wire.
-    EXPECT_EQ(es::detection().Encode()[3].value().iotv_nvp_seq()[0].value().iotv_nvp_seq(),
-              (Pairs{i32("obj_id", 5), str("obj_label", "person-5"), i32("class_id", -1), str("class_label", "person"),
-                     f32("x1", 10.5f), f32("y1", 20.25f), f32("x2", 300.0f), f32("y2", 400.75f),
-                     f32("probability", 0.875f), str("meta", "{\"track\":3}")}));
-    const auto mask = sampleSegments().Encode()[4].value().iotv_nvp_seq()[1].value().iotv_nvp_seq();
-    EXPECT_EQ(pairNamed(mask, "width").value().iotv_uint32(), 101u);
-    EXPECT_EQ(pairNamed(mask, "color").value().iotv_uint32(), 0xff00ffu);
-    EXPECT_EQ(pairNamed(mask, "label").value().iotv_string(), "label1");
-}
-
-TEST(RecordsWire, ResultListsWriteTheAgreedLayoutEvenWhenEmpty) {
-    const auto cls = es::classification().Encode();
-    expectWire(cls, kResultHeaderWire, "Classification");
-    expectListOf(cls[3], 2, kClassWire, "Classification data");
-    const auto det = es::detection().Encode();
-    expectWire(det, kResultHeaderWire, "Detection");
-    expectListOf(det[3], 2, kBoxWire, "Detection data");
-    const auto seg = sampleSegments().Encode();
-    expectWire(seg, kSegmentWire, "SegmentInfo");
-    expectListOf(seg[4], 2, kMaskWire, "Segment data");
-
-    const auto frame = FrameInfo().Encode();
-    expectWire(frame, kFrameWire, "empty FrameInfo");
-    EXPECT_TRUE(frame[3].value().iotv_byte_seq().empty());
-    expectListOf(Information<ClassificationData>().Encode()[3], 0, kClassWire, "empty classification");
-    expectListOf(Information<DetectionBoxData>().Encode()[3], 0, kBoxWire, "empty detection");
-    expectListOf(SegmentInfo().Encode()[4], 0, kMaskWire, "empty segments");
-}
-
-// Decoding what was encoded must give back a record that encodes to the
-// very same pairs; with the encodings checked above this shows every member
-// decoded into its own field.
-TEST(RecordsRoundTrip, DecodeThenEncodeReproducesThePairs) {
-    const auto expectRoundTrip = [](const auto &record, const char *what) {
-        using Record = std::decay_t<decltype(record)>;
-        EXPECT_EQ(decoded<Record>(record.Encode()).Encode(), record.Encode()) << what;
-    };
-    expectRoundTrip(sampleFrame(), "frame");
-    expectRoundTrip(es::device(), "device");
-    expectRoundTrip(es::classification(), "classification");
-    expectRoundTrip(es::detection(), "detection");
-    expectRoundTrip(sampleSegments(3), "segments");
-}
-
-TEST(RecordsRoundTrip, MovingDecoderTakesTheSameValues) {
-    const FrameInfo original = sampleFrame(300);
-    FrameInfo copied;
-    DecodeRecord(original.Encode(), copied);
-    FrameInfo moved;
-    DecodeRecord(Pairs(original.Encode()), moved);
-    EXPECT_EQ(moved.Encode(), copied.Encode());
-    EXPECT_EQ(moved.data, original.data);
-}
-
-TEST(RecordsDecode, FrameRules) {
-    struct Case {
-        const char *what;
+// Whole encodings as peers expect them (names, kinds, order, values: every
+// value distinct, so one written into its neighbour's pair shows), and a
+// decoder that gives back every one of them.
+TEST(RecordsWire, EveryRecordEncodesAsPeersExpectAndDecodesToTheSamePairs) {
+    // The box's engine id is lost on the way (see RecordsDecode): left out here.
+    UniInfo uni = es::uni();
+    uni.videoList[0].detectionResult[0].engine_id.clear();
+    const std::string device = pairText(es::device().Encode());
+    const std::string rear = "stream_id:s=cam-rear" + device.substr(device.find(' '));
+    const struct {
         Pairs pairs;
-        std::function<void(const FrameInfo &)> check;
+        Reencode back;
+        std::string expected;
+    } rows[] = {
+        {sampleFrame().Encode(), reencode<FrameInfo>,
+         "stream_id:s=cam-1 frame_id:u32=42 timestamp:i64=20240102030405006 data:b=1,2,3,4,5,6,7,8,9,10,11,12 "
+         "width:u32=4 height:u32=1 channels:u32=3 size:u32=12 format:s=bgr compression:s=none framerate:f32=29.97"},
+        {es::device().Encode(), reencode<DeviceInfo>,
+         "stream_id:s=cam-front mac_address:s=02:42:ac ip_address:s=127.0.0.2 port:i32=-554 uri:s=rtsp://cam/1 "
+         "manufacturer:s=Quorix model:s=QX-9 serial:s=SN-42 fw_version:s=3.1 dev_id:s=dev-7 status:s=online "
+         "kind:s=camera protocol:s=rtsp"},
+        {es::classification().Encode(), reencode<Classifications>,
+         "engine_id:s=classifier-1 stream_id:s=cam-front frame_id:u32=4000000000 data{"
+         "{index:i32=-3 output:s=logits label:s=cat probability:f32=0.75} "
+         "{index:i32=281 output:s=logits label:s=tabby probability:f32=0.125}}"},
+        {es::detection().Encode(), reencode<Detections>,
+         "engine_id:s=detector-2 stream_id:s=cam-front frame_id:u32=17 data{{obj_id:i32=5 obj_label:s=person-5 "
+         "class_id:i32=-1 class_label:s=person x1:f32=10.5 y1:f32=20.25 x2:f32=300 y2:f32=400.75 "
+         "probability:f32=0.875 meta:s={}}}"},
+        {es::segmentation().Encode(), reencode<SegmentInfo>,
+         "engine_id:s=segmenter-3 stream_id:s=cam-front frame_id:u32=17 inference_id:u32=99 data{{id:u32=1 "
+         "repeat:u32=2 width:u32=4 height:u32=5 size:u32=8 channels:u32=3 color:u32=16711935 label:s=road "
+         "probability:f32=0.5 data:b=0,1,2,3,255}}"},
+        {uni.Encode(), reencode<UniInfo>,
+         "VideoList{{" + pairText(es::frame(21).Encode()) +
+             " ClassificationResult{{engine_id:s=classifier-1 index:u32=4294967295 output:s=logits label:s=cat "
+             "probability:f32=0.75}} DetectionResult{{engin_id:s= obj_id:u32=4000000001 obj_label:s=bike-1 "
+             "class_id:u32=3 class_label:s=bike x1:f32=1.5 y1:f32=2.5 x2:f32=3.5 y2:f32=4.5 probability:f32=0.25 "
+             "meta:s=m}} SegmentationResult{{id:u32=9 repeat:u32=1 width:u32=2 height:u32=3 size:u32=4 "
+             "channels:u32=5 color:u32=7 label:s=sky probability:f32=0.5 data:b=9,8,7,6}}}} DeviceList{{" +
+             device + "} {" + rear + "}}"},
+        // Lists are written even when empty.
+        {Classifications().Encode(), reencode<Classifications>, "engine_id:s= stream_id:s= frame_id:u32=0 data{}"},
     };
-    const std::vector<Case> cases = {
-        {"unknown names are ignored",
-         {u32("frame_id", 5), str("colour", "red"), i32("", 3)},
-         [](const FrameInfo &f) {
-             EXPECT_EQ(f.frame_id, 5u);
-             EXPECT_EQ(f.Encode(), [] {
-                 FrameInfo e;
-                 e.frame_id = 5;
-                 return e.Encode();
-             }());
-         }},
-        {"a missing framerate stays 0",
-         {str("stream_id", "s"), u32("width", 8)},
-         [](const FrameInfo &f) {
-             EXPECT_EQ(f.framerate, 0.0f);
-             EXPECT_EQ(f.width, 8u);
-             EXPECT_EQ(f.stream_id, "s");
-         }},
-        {"the last of two equal names wins",
-         {u32("frame_id", 1), str("format", "a"), u32("frame_id", 2), str("format", "b")},
-         [](const FrameInfo &f) {
-             EXPECT_EQ(f.frame_id, 2u);
-             EXPECT_EQ(f.format, "b");
-         }},
-        {"names are case-sensitive",
-         {u32("FRAME_ID", 9), u32("Frame_id", 8), str("Stream_id", "x")},
-         [](const FrameInfo &f) {
-             EXPECT_EQ(f.frame_id, 0u);
-             EXPECT_EQ(f.stream_id, "");
-         }},
-        {"order does not matter",
-         {f32("framerate", 12.5f), bytes("data", {9, 8}), str("stream_id", "z")},
-         [](const FrameInfo &f) {
-             EXPECT_EQ(f.framerate, 12.5f);
-             EXPECT_EQ(f.data, (std::vector<unsigned char>{9, 8}));
-             EXPECT_EQ(f.stream_id, "z");
-         }},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        c.check(decoded<FrameInfo>(c.pairs));
+    for (const auto &row : rows) {
+        EXPECT_EQ(pairText(row.pairs), row.expected);
+        EXPECT_EQ(row.back(row.pairs), row.pairs) << row.expected;
     }
 }
 
-TEST(RecordsDecode, ListEntriesDecodeWhateverTheirNameAndInOrder) {
-    Pairs first = {i32("index", 1), str("label", "a")};
-    Pairs second = {i32("index", 2), str("label", "b"), str("extra", "ignored")};
-    IOT_NVP named = seq("some name", second);
-    const Pairs pairs = {str("engine_id", "e"), seq("data", {seq("", first), named})};
-    const auto info = decoded<Information<ClassificationData>>(pairs);
-    ASSERT_EQ(info.data.size(), 2u);
-    EXPECT_EQ(info.data[0].index, 1);
-    EXPECT_EQ(info.data[0].label, "a");
-    EXPECT_EQ(info.data[1].index, 2);
-    EXPECT_EQ(info.data[1].label, "b");
-    EXPECT_EQ(info.engine_id, "e");
-
-    EXPECT_TRUE(decoded<SegmentInfo>(SegmentInfo().Encode()).data.empty());
-}
-
-TEST(RecordsDecode, WrongKindThrowsTheBusLibrarysError) {
-    using com::quorixtech::iot::IotKindError;
-    const std::vector<std::pair<const char *, std::function<void()>>> cases = {
-        {"frame_id as int32", [] { decoded<FrameInfo>({i32("frame_id", 1)}); }},
-        {"data as string", [] { decoded<FrameInfo>({str("data", "x")}); }},
-        {"port as string", [] { decoded<DeviceInfo>({str("port", "80")}); }},
-        {"classification index as uint32",
-         [] { decoded<Information<ClassificationData>>({seq("data", {seq("", {u32("index", 1)})})}); }},
-        {"detection data entry not a sequence",
-         [] { decoded<Information<DetectionBoxData>>({seq("data", {str("", "box")})}); }},
-        {"detection data as bytes", [] { decoded<Information<DetectionBoxData>>({bytes("data", {1})}); }},
-        {"segment inference_id as int64", [] { decoded<SegmentInfo>({i64("inference_id", 1)}); }},
-        {"mask probability as string",
-         [] { decoded<SegmentInfo>({seq("data", {seq("", {str("probability", "1")})})}); }},
+// What a decoder makes of pairs as other peers may send them; shown as the
+// set fields of the record it gives, encoded again.
+TEST(RecordsDecode, NamesAreMatchedExactlyInAnyOrderAndTheLastOneWins) {
+    const struct {
+        Reencode back;
+        Pairs pairs;
+        const char *expected;
+    } rows[] = {
+        // Unknown names and names in another case are ignored.
+        {reencode<FrameInfo>,
+         {f32("framerate", 12.5f), str("colour", "red"), u32("FRAME_ID", 9), i32("", 3), u32("frame_id", 1),
+          str("format", "a"), u32("frame_id", 2)},
+         "frame_id:u32=2 format:s=a framerate:f32=12.5"},
+        // List entries are taken whatever their name, in order; a repeated list replaces the first.
+        {reencode<Classifications>,
+         {seq("data", {seq("", {i32("index", 1)}), seq("some name", {i32("index", 2), str("extra", "y")})})},
+         "data{{index:i32=1} {index:i32=2}}"},
+        {reencode<SegmentInfo>,
+         {seq("data", {seq("", {u32("id", 1)})}), seq("data", {seq("", {u32("id", 2)})})},
+         "data{{id:u32=2}}"},
+        // Written as "engin_id" (what peers have always written), read as "engine_id".
+        {reencode<UniInfo>,
+         {seq("VideoList", {seq("", {seq("DetectionResult", {seq("", {str("engine_id", "peer"), u32("obj_id", 3)}),
+                                                             seq("", {str("engin_id", "x"), u32("obj_id", 4)})})})})},
+         "VideoList{{ClassificationResult{} DetectionResult{{engin_id:s=peer obj_id:u32=3} {obj_id:u32=4}} "
+         "SegmentationResult{}}} DeviceList{}"},
     };
-    for (const auto &c : cases)
-        EXPECT_THROW(c.second(), IotKindError) << c.first;
+    for (const auto &row : rows)
+        EXPECT_EQ(pairText(row.back(row.pairs), true), row.expected);
 }
 
-TEST(RecordsDump, FrameInfo) {
-    EXPECT_EQ(sampleFrame().GetString(), "************************************\n"
-                                         "stream_id = cam-1\n"
-                                         "frame_id = 42\n"
-                                         "timestamp = 20240102030405006\n"
-                                         "data = 1,2,3,4,5,6,7,8,9,10, ... \n"
-                                         "width = 4\n"
-                                         "height = 1\n"
-                                         "channels = 3\n"
-                                         "size = 12\n"
-                                         "format = com.vision.models.PIXEL_FORMAT_BGR8\n"
-                                         "compression = com.vision.models.COMPRESSION_KIND_NONE\n"
-                                         "framerate = 29.97\n"
-                                         "************************************\n");
+// The separate records carry signed ids where the combined record carries
+// unsigned ones; neither decoder converts.
+TEST(RecordsDecode, ValueOfTheWrongKindThrowsTheBusLibrarysError) {
+    const struct {
+        Reencode back;
+        Pairs pairs;
+        const char *message;
+    } rows[] = {
+        {reencode<FrameInfo>, {i32("frame_id", 1)}, "expected iotv_uint32, actual iotv_int32"},
+        {reencode<Classifications>, {bytes("data", {1})}, "expected iotv_nvp_seq, actual iotv_byte_seq"},
+        {reencode<Detections>, {seq("data", {str("", "box")})}, "expected iotv_nvp_seq, actual iotv_string"},
+        {reencode<UniInfo>,
+         {seq("VideoList", {seq("", {seq("DetectionResult", {seq("", {i32("obj_id", 1)})})})})},
+         "expected iotv_uint32, actual iotv_int32"},
+    };
+    for (const auto &row : rows) {
+        try {
+            row.back(row.pairs);
+            ADD_FAILURE() << "accepted " << pairText(row.pairs);
+        } catch (const IotKindError &e) {
+            EXPECT_EQ(e.what(), std::string("IOT_VALUE kind mismatch: ") + row.message);
+        }
+    }
+}
+
+TEST(RecordsDump, TextsOfEachRecord) {
+    const std::string rule = "************************************\n";
+    const Classifications scores{"e", "s", 4000000000u, {{-3, "o", "l", 0.75f}, {281, "o2", "l2", 0.125f}}};
+    const Detections boxes{"e", "s", 17, {{5, -1, "ol", "cl", 10.5f, 20.25f, 300, 400.75f, 0.875f, "m"}}};
+    // At most ten bytes, and ten masks, are listed.
+    SegmentInfo masks{"e", "s", 11, 12, {}};
+    std::string maskLines;
+    for (std::uint32_t i = 0; i < 11; ++i) {
+        masks.data.push_back({i, 0, 100 + i, 50, 0, 0, 0, "m" + std::to_string(i), 0, {}});
+        if (i < 10)
+            maskLines += std::to_string(i) + ", m" + std::to_string(i) + ", " + std::to_string(100 + i) + ", 50\n";
+    }
+    EXPECT_EQ(masks.GetString(), rule + "engine_id = e\nstream_id = s\nframe_id = 11\ninference_id = 12\ndata = \n" +
+                                     maskLines + " ... \n");
     EXPECT_EQ(FrameInfo().GetString(), "");
-    EXPECT_NE(sampleFrame(3).GetString().find("data = 1,2,3, ... \n"), std::string::npos);
+    // The other dumps are framed by a rule above and below.
+    const std::pair<std::string, std::string> rows[] = {
+        {sampleFrame().GetString(),
+         "stream_id = cam-1\nframe_id = 42\ntimestamp = 20240102030405006\ndata = 1,2,3,4,5,6,7,8,9,10, ... \nwidth = "
+         "4\n"
+         "height = 1\nchannels = 3\nsize = 12\nformat = bgr\ncompression = none\nframerate = 29.97\n"},
+        {es::device().GetString(),
+         "stream_id = cam-front\nmac_address = 02:42:ac\nip_address = 127.0.0.2\nport = -554\nURI = rtsp://cam/1\n"
+         "manufacturer = Quorix\nmodel = QX-9\nserial = SN-42\nfw_version = 3.1\ndev_id = dev-7\nstatus = online\n"
+         "kind = camera\nprotocol = rtsp\n"},
+        {scores.GetString(),
+         "EngineID = e\nStreamID = s\nFrameID = 4000000000\nData content = \n\n[0]\n Index = -3\n Output = o\n"
+         " Label = l\n Probability = 0.75\n --------- \n[1]\n Index = 281\n Output = o2\n Label = l2\n"
+         " Probability = 0.125\n --------- \n"},
+        {boxes.GetString(),
+         "EngineID = e\nStreamID = s\nFrameID = 17\nData content = \n\n[0]\n (ObjID, ObjLabel) = (5, ol)\n"
+         " (ClassID, ClassLabel) = (-1, cl)\n (X1, Y1, X2, Y2) = (10.5, 20.25, 300, 400.75)\n Probability = 0.875\n"
+         " Meta = m\n --------- \n"},
+    };
+    for (const auto &[text, body] : rows)
+        EXPECT_EQ(text, rule + body + rule);
 }
 
-TEST(RecordsDump, DeviceInfo) {
-    EXPECT_EQ(es::device().GetString(), "************************************\n"
-                                        "stream_id = cam-front\n"
-                                        "mac_address = 02:42:ac:11:00:02\n"
-                                        "ip_address = 127.0.0.2\n"
-                                        "port = -554\n"
-                                        "URI = rtsp://127.0.0.2/stream1\n"
-                                        "manufacturer = Quorix\n"
-                                        "model = QX-CAM-9\n"
-                                        "serial = SN-0042\n"
-                                        "fw_version = 3.1.4\n"
-                                        "dev_id = dev-7\n"
-                                        "status = com.vision.models.DEVICE_STATUS_ONLINE\n"
-                                        "kind = com.vision.models.DEVICE_KIND_CAMERA\n"
-                                        "protocol = com.vision.models.INTERFACE_RTSP\n"
-                                        "************************************\n");
-}
-
-TEST(RecordsDump, Classification) {
-    EXPECT_EQ(es::classification().GetString(), "************************************\n"
-                                                "EngineID = classifier-1\n"
-                                                "StreamID = cam-front\n"
-                                                "FrameID = 4000000000\n"
-                                                "Data content = \n"
-                                                "\n"
-                                                "[0]\n"
-                                                " Index = -3\n"
-                                                " Output = logits\n"
-                                                " Label = cat\n"
-                                                " Probability = 0.75\n"
-                                                " --------- \n"
-                                                "[1]\n"
-                                                " Index = 281\n"
-                                                " Output = logits\n"
-                                                " Label = tabby\n"
-                                                " Probability = 0.125\n"
-                                                " --------- \n"
-                                                "************************************\n");
-}
-
-TEST(RecordsDump, Detection) {
-    auto det = es::detection();
-    det.data.resize(1);
-    EXPECT_EQ(det.GetString(), "************************************\n"
-                               "EngineID = detector-2\n"
-                               "StreamID = cam-front\n"
-                               "FrameID = 17\n"
-                               "Data content = \n"
-                               "\n"
-                               "[0]\n"
-                               " (ObjID, ObjLabel) = (5, person-5)\n"
-                               " (ClassID, ClassLabel) = (-1, person)\n"
-                               " (X1, Y1, X2, Y2) = (10.5, 20.25, 300, 400.75)\n"
-                               " Probability = 0.875\n"
-                               " Meta = {\"track\":3}\n"
-                               " --------- \n"
-                               "************************************\n");
-}
-
-TEST(RecordsDump, SegmentsShowAtMostTenElements) {
-    std::string expected = "************************************\n"
-                           "engine_id = eng\n"
-                           "stream_id = cam\n"
-                           "frame_id = 11\n"
-                           "inference_id = 12\n"
-                           "data = \n";
-    for (int i = 0; i < 10; ++i)
-        expected += std::to_string(i) + ", label" + std::to_string(i) + ", " + std::to_string(100 + i) + ", 50\n";
-    expected += " ... \n";
-    EXPECT_EQ(sampleSegments(12).GetString(), expected);
-}
-
-TEST(RecordsCopy, AppendsBytesAndCopiesEverythingElse) {
-    FrameInfo source = sampleFrame(5);
+TEST(RecordsCopy, AppendsTheBytesAndCopiesEverythingElse) {
+    FrameInfo source = sampleFrame();
     FrameInfo target;
-    target.data = {200, 201, 202, 203};
-    target.stream_id = "old";
+    target.data = {200, 201};
     source.Copy(target);
-    ASSERT_EQ(target.data.size(), 4u + 5u);
-    EXPECT_EQ(target.data[0], 200);
-    EXPECT_EQ(target.data[4], 1);
-    EXPECT_EQ(target.data[8], 5);
-    // Apart from the kept bytes in front, the target now encodes as the source.
-    target.data.erase(target.data.begin(), target.data.begin() + 4);
+    source.data.insert(source.data.begin(), {200, 201});
     EXPECT_EQ(target.Encode(), source.Encode());
 }

@@ -1,15 +1,9 @@
-// Publishes the sample records from a process of its own, the way the sink
-// does: its own Edge on the shipped files under the working directory, one
-// outgoing thing per tag group. It repeats every record until a file named
-// "stop" appears in the working directory, so the reader decides when it has
-// seen enough and discovery time never matters.
-//
-//   edge_writer separate <context-id>   the five separate tag groups
-//   edge_writer uni <context-id>        the combined record under "VideoFrameData"
+// Publishes the five separate sample records, in the flow given, from a process
+// of its own as the sink does (one outgoing thing per tag group), until a file
+// named "stop" appears in the working directory: the reader decides when it has
+// seen enough, so discovery time never matters. Usage: edge_writer <context-id>
 
 #include <chrono>
-#include <exception>
-#include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,57 +13,29 @@
 #include "edge_sample_records.h"
 #include "modelloader.h"
 
-namespace {
-
-bool stopFileExists() { return ::access("stop", F_OK) == 0; }
-
-int run(const std::string &mode, const std::string &contextId) {
+int main(int argc, char **argv) {
     namespace s = edge_samples;
-    const bool uni = mode == "uni";
-    auto edge = Edge::create(s::kConfig, s::kVideoOutProperties, s::kVideoOutClass,
-                             {uni ? s::kPipeTagGroup : s::kVideoTagGroup}, contextId);
+    auto edge = Edge::create(s::kConfig, s::kVideoOutProperties, s::kVideoOutClass, {s::kVideoTagGroup},
+                             argc > 1 ? argv[1] : "");
     if (!edge) return 2;
-
-    std::vector<std::pair<std::string, std::vector<com::quorixtech::iot::IOT_NVP>>> samples;
-    if (uni) {
-        samples.emplace_back("VideoFrameData", s::uni().Encode());
-    } else {
-        std::vector<std::string> names = {"VideoFrameData", "DeviceInfoData", "ClassificationData", "DetectionBoxData",
-                                          "SegmentationData"};
-        ModelLoader::addThingOutByProp(edge, names);
-        samples.emplace_back("VideoFrameData", s::frame(17).Encode());
-        samples.emplace_back("DeviceInfoData", s::device().Encode());
-        samples.emplace_back("ClassificationData", s::classification().Encode());
-        samples.emplace_back("DetectionBoxData", s::detection().Encode());
-        samples.emplace_back("SegmentationData", s::segmentation().Encode());
-    }
-    std::cout << "writer ready, things " << edge->things.size() << std::endl;
-
-    // Bounded so that a reader that died does not leave this process behind.
+    // The video group is in the list as the elements pass it: it has no thing of its own.
+    std::vector<std::string> names = {"DeviceInfoData", "VideoFrameData", "ClassificationData", "DetectionBoxData",
+                                      "SegmentationData"};
+    ModelLoader::addThingOutByProp(edge, names);
+    const std::vector<std::pair<std::string, std::vector<com::quorixtech::iot::IOT_NVP>>> samples = {
+        {"VideoFrameData", s::frame(17).Encode()},
+        {"DeviceInfoData", s::device().Encode()},
+        {"ClassificationData", s::classification().Encode()},
+        {"DetectionBoxData", s::detection().Encode()},
+        {"SegmentationData", s::segmentation().Encode()}};
+    // Bounded so that a reader that died does not leave this process behind;
+    // an exception ends the process with its message on standard error.
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(90);
-    int rounds = 0;
-    while (!stopFileExists() && std::chrono::steady_clock::now() < giveUp) {
+    while (::access("stop", F_OK) != 0 && std::chrono::steady_clock::now() < giveUp) {
         for (const auto &[name, pairs] : samples)
             edge->writeSample(name, pairs);
-        ++rounds;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    std::cout << "writer done after " << rounds << " rounds" << std::endl;
     edge->deinit();
-    return stopFileExists() ? 0 : 3;
-}
-
-} // namespace
-
-int main(int argc, char **argv) {
-    if (argc < 2) {
-        std::cerr << "usage: edge_writer separate|uni [context-id]" << std::endl;
-        return 64;
-    }
-    try {
-        return run(argv[1], argc > 2 ? argv[2] : "");
-    } catch (const std::exception &e) {
-        std::cerr << "edge_writer: " << e.what() << std::endl;
-        return 1;
-    }
+    return ::access("stop", F_OK) == 0 ? 0 : 3;
 }
