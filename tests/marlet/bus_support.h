@@ -2,33 +2,28 @@
 // Opening the bus of a test's configuration root with the shipped definitions,
 // shared by the in-process tests and the peer program of the cross-process ones.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "marlet/marlet.h"
+#include "pair_builders.h"
 
 namespace marlettest {
 
 namespace m = com::quorixtech::marlet;
 
-// Registers every shipped tag group except the pipe one (which would redefine
-// the video group) and every thing class, found under root.
+// Registers every shipped thing class and tag group under root except the pipe
+// group, which would redefine the video group.
 inline void registerDefinitions(m::Marlet &bus, const std::string &root) {
-    const std::string groups = root + "/definitions/TagGroup/com.vision.data/";
     m::JSonTagGroupRegistry tagGroups;
-    for (const char *f : {"VideoFrameTagGroup.json", "DeviceInfoTagGroup.json", "ClassificationTagGroup.json",
-                          "DetectionBoxTagGroup.json", "SegmentationTagGroup.json"}) {
-        tagGroups.registerTagGroupsFromURI("file://" + groups + f);
-    }
+    for (const auto &file : std::filesystem::directory_iterator(root + "/definitions/TagGroup/com.vision.data"))
+        if (file.path().filename() != "IXOPipeTagGroup.json")
+            tagGroups.registerTagGroupsFromURI("file://" + file.path().string());
     bus.addTagGroupRegistry(tagGroups);
-
-    const std::string classes = root + "/definitions/ThingClass/com.vision.data/";
     m::JSonThingClassRegistry thingClasses;
-    for (const char *kind : {"VideoFrame", "DeviceInfo", "Classification", "DetectionBox", "Segmentation"}) {
-        for (const char *dir : {"Out", "In"}) {
-            thingClasses.registerThingClassesFromURI("file://" + classes + kind + "Thing" + dir + "Class.json");
-        }
-    }
+    for (const auto &file : std::filesystem::directory_iterator(root + "/definitions/ThingClass/com.vision.data"))
+        thingClasses.registerThingClassesFromURI("file://" + file.path().string());
     bus.addThingClassRegistry(thingClasses);
 }
 
@@ -40,18 +35,13 @@ inline m::Thing makeThing(m::Marlet &bus, const std::string &thingClass, const s
     return bus.createThing(props);
 }
 
+// A frame record whose every byte depends on its id, so a mix-up shows.
 inline std::vector<m::IOT_NVP> frame(std::uint32_t frameId, std::size_t bytes) {
-    std::vector<m::IOT_NVP> pairs(3);
-    pairs[0].name("frame_id");
-    pairs[0].value().iotv_uint32(frameId);
-    std::vector<std::uint8_t> data(bytes);
+    pairtest::ByteSeq data(bytes);
     for (std::size_t i = 0; i < bytes; ++i)
         data[i] = static_cast<std::uint8_t>((i * 31 + frameId) >> 3);
-    pairs[1].name("data");
-    pairs[1].value().iotv_byte_seq(std::move(data));
-    pairs[2].name("format");
-    pairs[2].value().iotv_string("com.vision.models.PIXEL_FORMAT_BGR8");
-    return pairs;
+    return {pairtest::u32("frame_id", frameId), pairtest::bytes("data", std::move(data)),
+            pairtest::str("format", "com.vision.models.PIXEL_FORMAT_BGR8")};
 }
 
 } // namespace marlettest

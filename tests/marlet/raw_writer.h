@@ -21,7 +21,7 @@ class RawWriter {
     RawWriter(const qxtest::ConfigRoot &root, const char *ddsTopic, const char *partition) {
         const auto id = static_cast<dds_domainid_t>(root.domainId());
         domain_ = dds_create_domain(id, root.readFile("config/Marlet.xml").c_str());
-        if (domain_ < 0 && domain_ != DDS_RETCODE_PRECONDITION_NOT_MET) fail("dds_create_domain", domain_);
+        if (domain_ != DDS_RETCODE_PRECONDITION_NOT_MET) check("dds_create_domain", domain_);
         participant_ = check("dds_create_participant", dds_create_participant(id, nullptr, nullptr));
         const dds_entity_t topic = check("dds_create_topic", dds_create_topic(participant_, &marlet_wire_BusSample_desc,
                                                                               ddsTopic, nullptr, nullptr));
@@ -38,14 +38,13 @@ class RawWriter {
     RawWriter(const RawWriter &) = delete;
     RawWriter &operator=(const RawWriter &) = delete;
 
-    // Polls (bounded by attempts x 100 ms) until a reader has matched.
-    bool waitForReader(int attempts) const {
-        for (int i = 0; i < attempts; ++i) {
-            dds_publication_matched_status_t status{};
-            if (dds_get_publication_matched_status(writer_, &status) == DDS_RETCODE_OK && status.current_count > 0)
+    // Polls (bounded by attempts x 100 ms) until `readers` readers have matched.
+    bool waitForReader(int attempts, std::uint32_t readers = 1) const {
+        dds_publication_matched_status_t status{};
+        for (int i = 0; i < attempts; ++i, dds_sleepfor(DDS_MSECS(100)))
+            if (dds_get_publication_matched_status(writer_, &status) == DDS_RETCODE_OK &&
+                status.current_count >= readers)
                 return true;
-            dds_sleepfor(DDS_MSECS(100));
-        }
         return false;
     }
 
@@ -57,18 +56,13 @@ class RawWriter {
         sample.tagGroup = const_cast<char *>(tagGroup);
         sample.sequenceNumber = sequence;
         sample.payload._buffer = payload.data();
-        sample.payload._length = static_cast<std::uint32_t>(payload.size());
-        sample.payload._maximum = sample.payload._length;
-        sample.payload._release = false;
+        sample.payload._length = sample.payload._maximum = static_cast<std::uint32_t>(payload.size());
         check("dds_write", dds_write(writer_, &sample));
     }
 
   private:
-    [[noreturn]] static void fail(const char *call, dds_return_t rc) {
-        throw std::runtime_error(std::string(call) + ": " + dds_strretcode(rc));
-    }
     static dds_entity_t check(const char *call, dds_entity_t rc) {
-        if (rc < 0) fail(call, rc);
+        if (rc < 0) throw std::runtime_error(std::string(call) + ": " + dds_strretcode(rc));
         return rc;
     }
 

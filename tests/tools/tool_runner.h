@@ -46,13 +46,4 @@ inline RunResult runQxbus(const std::vector<std::string> &args, const std::strin
     return run(qxbusArgv(args), cwd);
 }
 
-// The non-empty lines of text.
-inline std::vector<std::string> lines(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        if (!line.empty()) out.push_back(line);
-    return out;
-}
-
 } // namespace qxbus_test
