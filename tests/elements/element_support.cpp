@@ -229,6 +229,13 @@ double meanAbsDiff(const cv::Mat &a, const cv::Mat &b) {
     return cv::norm(a, b, cv::NORM_L1) / static_cast<double>(a.total() * a.channels());
 }
 
+std::size_t countOf(const std::string &text, const std::string &what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
 double residentMb(const std::string &pid) {
     std::ifstream status("/proc/" + pid + "/status");
     for (std::string line; std::getline(status, line);)

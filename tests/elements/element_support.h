@@ -107,6 +107,9 @@ std::vector<cv::Mat> referenceFrames(const std::string &source);
 std::vector<std::vector<unsigned char>> referenceEncoded(const std::string &source);
 double meanAbsDiff(const cv::Mat &a, const cv::Mat &b);
 
+// How often what occurs in text (a log line, say).
+std::size_t countOf(const std::string &text, const std::string &what);
+
 // Resident memory of a process, in MB ("self" for this one). Under
 // AddressSanitizer freed memory waits in quarantine and every allocation
 // carries red zones, so there the figure says nothing about growth.

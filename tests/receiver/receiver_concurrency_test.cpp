@@ -18,6 +18,14 @@ using namespace receivertest;
 
 constexpr std::uint32_t kFrames = 150;
 
+// A reader thread's loop: push hands over what arrived for each frame id in turn.
+template <typename Push> auto eachFrame(Push push) {
+    return [push] {
+        for (std::uint32_t id = 1; id <= kFrames; ++id)
+            push(id);
+    };
+}
+
 TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
     MessageCapture capture;
     ReceiveImage receiver;
@@ -48,26 +56,17 @@ TEST(ReceiverConcurrency, ReadersWorkerAndConsumerShareTheQueues) {
 
     // One reader thread per tag group, as the bus session runs them.
     std::vector<std::thread> readers;
-    readers.emplace_back([&] {
-        for (std::uint32_t id = 1; id <= kFrames; ++id)
-            receiver.callback(makeFrame(id, 4, 2));
-    });
-    readers.emplace_back([&] {
-        for (std::uint32_t id = 1; id <= kFrames; ++id)
-            receiver.callback(makeClassification(id));
-    });
-    readers.emplace_back([&] {
-        for (std::uint32_t id = 1; id <= kFrames; id += 2)
-            receiver.callback(makeDetection(id));
-    });
-    readers.emplace_back([&] {
-        for (std::uint32_t id = 1; id <= kFrames; id += 3)
-            receiver.callback(makeSegment(id));
-    });
-    readers.emplace_back([&] {
-        for (int i = 0; i < 20; ++i)
-            receiver.callback(makeDevice("cam-" + std::to_string(i)));
-    });
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { receiver.callback(makeFrame(id, 4, 2)); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { receiver.callback(makeClassification(id)); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) {
+        if (id % 2) receiver.callback(makeDetection(id));
+    }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) {
+        if (id % 3 == 1) receiver.callback(makeSegment(id));
+    }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) {
+        if (id % 8 == 0) receiver.callback(makeDevice("cam"));
+    }));
     for (auto &r : readers)
         r.join();
 
@@ -147,22 +146,17 @@ TEST(PairingConcurrency, SixReadersOneConsumerAndAStopLoseNoFrame) {
     });
 
     std::vector<std::thread> readers;
-    const auto reader = [&](auto push) {
-        readers.emplace_back([push] {
-            for (std::uint32_t id = 1; id <= kFrames; ++id)
-                push(id);
-        });
-    };
-    reader([&](std::uint32_t id) { engine.push(cam, makeFrame(id, 4, 2)); });
-    reader([&](std::uint32_t id) { engine.push(cam, makeClassification(id)); });
-    reader([&](std::uint32_t id) { engine.push(cam, makeDetection(id)); });
-    reader([&](std::uint32_t id) { engine.push(cam, makeSegment(id)); });
-    reader([&](std::uint32_t id) { engine.push(cam, makeDevice("cam-" + std::to_string(id))); });
-    reader([&](std::uint32_t id) {
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { engine.push(cam, makeFrame(id, 4, 2)); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { engine.push(cam, makeClassification(id)); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { engine.push(cam, makeDetection(id)); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) { engine.push(cam, makeSegment(id)); }));
+    readers.emplace_back(
+        eachFrame([&](std::uint32_t id) { engine.push(cam, makeDevice("cam-" + std::to_string(id))); }));
+    readers.emplace_back(eachFrame([&](std::uint32_t id) {
         auto frame = makeFrame(id);
         frame.stream_id = "other";
         engine.push(other, std::move(frame));
-    });
+    }));
     for (auto &r : readers)
         r.join();
     EXPECT_TRUE(eventually([&] { return engine.counters().framesWaiting == 0; }));

@@ -1,5 +1,8 @@
-// The worker's pairing rules, driven one pass at a time under m so that every
-// step is deterministic.
+// The synchroniser's pairing walk, kept as it is on purpose, driven one pass at a
+// time under m so that every step is deterministic. Guards against any change to
+// which frames go out (skipped, repeated, held back), which results and device
+// they carry, what stays queued, the restart rule and its line, the output
+// bound, and the worker's trace text.
 
 #include <gtest/gtest.h>
 
@@ -114,53 +117,28 @@ std::vector<Arrival> tenWithMatchAtFive() {
     return passes;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    WalkingOrder, SyncPassTest,
-    ::testing::Values(
-        // Index i is read while the front goes: frame 1, then frame 3, frame 2 removed unread.
-        PassCase{"three_frames_first_pass", {{{1, 2, 3}}}, {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}}, {{3}}, false},
-        PassCase{"three_frames_second_pass_publishes_the_third_again",
-                 {{{1, 2, 3}}, {}},
-                 {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}, {3, "", 0, 0, 0}},
-                 {},
-                 false},
-        // 5 is passed over (front removed), index 1 of [6, 7] is 7: copied, but 6 is what goes.
-        PassCase{
-            "classification_walk_removes_front_on_match", {{{7}, {5, 6, 7}}}, {{7, "", 7, 0, 0}}, {{}, {7}}, false},
-        // After 2 is removed the walk is at index 1 of a one-element queue: 4 is not reached.
-        PassCase{"result_behind_an_older_one_is_missed", {{{4}, {2, 4}}}, {{4, "", 0, 0, 0}}, {{}, {4}}, false},
-        PassCase{"later_result_stays_queued", {{{4}, {9}, {4}}}, {{4, "", 0, 4, 0}}, {{}, {9}}, false},
-        PassCase{"all_three_kinds_matched", {{{3}, {3}, {3, 4}, {3}}}, {{3, "", 3, 3, 3}}, {{}, {}, {4}}, false},
-        PassCase{"nine_bare_frames_published_tenth_held_back", oneFramePerPass(1, 10), bare(1, 9), {{10}}, false},
-        // The held-back frame goes out on the next pass: the count restarted.
-        PassCase{"held_back_frame_published_next_pass", tenBareThenMore(), bare(1, 10), {}, false},
-        // A match restarts the unmatched count, so no frame of the ten is held back.
-        PassCase{"match_restarts_the_unmatched_count",
-                 tenWithMatchAtFive(),
-                 bare(1, 4) + std::vector<Published>{{5, "", 5, 0, 0}} + bare(6, 10),
-                 {},
-                 false},
-        PassCase{"restart_clears_results_and_devices_but_not_segments",
-                 {{{5}}, {{2}, {7}, {8}, {9}, {"cam"}}},
-                 {{5, "", 0, 0, 0}},
-                 {{2}, {}, {}, {9}},
-                 true},
-        PassCase{"restarted_frame_published_next_pass",
-                 {{{5}}, {{2}, {7}, {8}, {2, 9}, {"cam"}}, {}},
-                 {{5, "", 0, 0, 0}, {2, "", 0, 0, 2}},
-                 {{}, {}, {}, {9}},
-                 true},
-        PassCase{"device_used_by_next_frame_others_discarded",
-                 {{{1}}, {{2}, {}, {}, {}, {"a", "b"}}, {{3}}},
-                 {{1, "", 0, 0, 0}, {2, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
-                 {},
-                 false},
-        PassCase{"device_taken_by_first_frame_of_a_pass",
-                 {{{1, 2, 3}, {}, {}, {}, {"a"}}},
-                 {{1, "a", 0, 0, 0}, {3, "", 0, 0, 0}},
-                 {{3}},
-                 false}),
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(WalkingOrder, SyncPassTest, ::testing::Values(
+    // Index i is read while the front goes: frame 1, then frame 3, frame 2 removed unread.
+    PassCase{"three_frames_first_pass", {{{1, 2, 3}}}, {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}}, {{3}}, false},
+    PassCase{"three_frames_second_pass_publishes_the_third_again", {{{1, 2, 3}}, {}}, {{1, "", 0, 0, 0}, {3, "", 0, 0, 0}, {3, "", 0, 0, 0}}, {}, false},
+    // 5 is passed over (front removed), index 1 of [6, 7] is 7: copied, but 6 is what goes.
+    PassCase{"classification_walk_removes_front_on_match", {{{7}, {5, 6, 7}}}, {{7, "", 7, 0, 0}}, {{}, {7}}, false},
+    // After 2 is removed the walk is at index 1 of a one-element queue: 4 is not reached.
+    PassCase{"result_behind_an_older_one_is_missed", {{{4}, {2, 4}}}, {{4, "", 0, 0, 0}}, {{}, {4}}, false},
+    PassCase{"later_result_stays_queued", {{{4}, {9}, {4}}}, {{4, "", 0, 4, 0}}, {{}, {9}}, false},
+    PassCase{"all_three_kinds_matched", {{{3}, {3}, {3, 4}, {3}}}, {{3, "", 3, 3, 3}}, {{}, {}, {4}}, false},
+    PassCase{"nine_bare_frames_published_tenth_held_back", oneFramePerPass(1, 10), bare(1, 9), {{10}}, false},
+    // The held-back frame goes out on the next pass: the count restarted.
+    PassCase{"held_back_frame_published_next_pass", tenBareThenMore(), bare(1, 10), {}, false},
+    // A match restarts the unmatched count, so no frame of the ten is held back.
+    PassCase{"match_restarts_the_unmatched_count", tenWithMatchAtFive(), bare(1, 4) + std::vector<Published>{{5, "", 5, 0, 0}} + bare(6, 10), {}, false},
+    PassCase{"restart_clears_results_and_devices_but_not_segments", {{{5}}, {{2}, {7}, {8}, {9}, {"cam"}}}, {{5, "", 0, 0, 0}}, {{2}, {}, {}, {9}}, true},
+    PassCase{"restarted_frame_published_next_pass", {{{5}}, {{2}, {7}, {8}, {2, 9}, {"cam"}}, {}}, {{5, "", 0, 0, 0}, {2, "", 0, 0, 2}}, {{}, {}, {}, {9}}, true},
+    PassCase{"device_used_by_next_frame_others_discarded", {{{1}}, {{2}, {}, {}, {}, {"a", "b"}}, {{3}}}, {{1, "", 0, 0, 0}, {2, "a", 0, 0, 0}, {3, "", 0, 0, 0}}, {}, false},
+    PassCase{"device_taken_by_first_frame_of_a_pass", {{{1, 2, 3}, {}, {}, {}, {"a"}}}, {{1, "a", 0, 0, 0}, {3, "", 0, 0, 0}}, {{3}}, false}),
     [](const ::testing::TestParamInfo<PassCase> &info) { return std::string(info.param.name); });
+// clang-format on
 
 struct DropCase {
     std::size_t size;
@@ -228,29 +206,16 @@ TEST(SyncPassTrace, MessageFlagSelectsTraceLinesAndDropsBeforeAppending) {
         }
         EXPECT_EQ(out, "[Drop Data] Dropped 1 synchronizedData.\n"
                        "(frame id, device id, classification id, detectionbox id, segment id)= (3, cam, 3, 3, 3)\n");
+        // clang-format off
         const std::vector<std::string> expected = {
-            "************",
-            "in sync_work(), frameInfoVec.size() = 1",
-            "in sync_work(), syncPool.synchronizedVec.size() = 11",
-            "************",
-            "syncID = 3",
-            "classification_n = 1",
-            "start search classification...",
-            "(c_id, syncID) = (3, 3)",
-            "syncPool.classificationVec[0]'s class_result number = 2",
-            "end search classification...",
-            "detection_n = 1",
-            "start search detection...",
-            "(d_id, syncID) = (3, 3)",
-            "end search detection...",
-            "segment_n = 1",
-            "start search segmentation...",
-            "(s_id, syncID) = (3, 3)",
-            "end search segmentation...",
-            "Start get deviceInfoVec...",
-            "end get deviceInfoVec...",
-            "Rest frame number in this sync time = 0",
-        };
+            "************", "in sync_work(), frameInfoVec.size() = 1", "in sync_work(), syncPool.synchronizedVec.size() = 11",
+            "************", "syncID = 3", "classification_n = 1", "start search classification...",
+            "(c_id, syncID) = (3, 3)", "syncPool.classificationVec[0]'s class_result number = 2",
+            "end search classification...", "detection_n = 1", "start search detection...", "(d_id, syncID) = (3, 3)",
+            "end search detection...", "segment_n = 1", "start search segmentation...", "(s_id, syncID) = (3, 3)",
+            "end search segmentation...", "Start get deviceInfoVec...", "end get deviceInfoVec...",
+            "Rest frame number in this sync time = 0"};
+        // clang-format on
         EXPECT_EQ(capture.lines(), expected);
     }
 }
