@@ -24,48 +24,24 @@ void initGst() {
 
 namespace {
 
-cv::Mat planeRows(const GstVideoFrame &frame, int plane, int rows, int rowBytes) {
-    return cv::Mat(rows, rowBytes, CV_8UC1, GST_VIDEO_FRAME_PLANE_DATA(&frame, plane),
-                   GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane));
-}
-
-// A raw picture as B,G,R. Even 4:2:0 pictures are converted by OpenCV, as the
-// publisher's own conversion must match it exactly; the rest by GStreamer.
-cv::Mat toBgr(GstBuffer *buffer, GstCaps *caps) {
+// A raw picture as B,G,R, converted by GStreamer: what the elements convert
+// is compared with it within a tolerance (their exact arithmetic is checked
+// against OpenCV by the conversion unit tests).
+cv::Mat toBgr(GstSample *sample) {
+    GstCaps *bgrCaps = gst_caps_from_string("video/x-raw,format=BGR");
+    GstSample *converted = gst_video_convert_sample(sample, bgrCaps, 10 * GST_SECOND, nullptr);
+    gst_caps_unref(bgrCaps);
     GstVideoInfo info;
-    if (!gst_video_info_from_caps(&info, caps)) return {};
-    const int w = GST_VIDEO_INFO_WIDTH(&info);
-    const int h = GST_VIDEO_INFO_HEIGHT(&info);
-    const GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&info);
-    if (format != GST_VIDEO_FORMAT_BGR && ((w | h) & 1)) {
-        GstSample *sample = gst_sample_new(buffer, caps, nullptr, nullptr);
-        GstCaps *bgrCaps = gst_caps_from_string("video/x-raw,format=BGR");
-        GstSample *converted = gst_video_convert_sample(sample, bgrCaps, 10 * GST_SECOND, nullptr);
-        gst_caps_unref(bgrCaps);
-        gst_sample_unref(sample);
-        if (converted == nullptr) return {};
-        cv::Mat bgr = toBgr(gst_sample_get_buffer(converted), gst_sample_get_caps(converted));
-        gst_sample_unref(converted);
-        return bgr;
-    }
     GstVideoFrame frame;
-    if (!gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) return {};
     cv::Mat bgr;
-    if (format == GST_VIDEO_FORMAT_BGR) {
-        planeRows(frame, 0, h, w * 3).reshape(3).copyTo(bgr);
-    } else {
-        cv::Mat yuv(h + h / 2, w, CV_8UC1);
-        planeRows(frame, 0, h, w).copyTo(yuv.rowRange(0, h));
-        if (format == GST_VIDEO_FORMAT_NV12) {
-            planeRows(frame, 1, h / 2, w).copyTo(yuv.rowRange(h, h + h / 2));
-        } else {
-            cv::Mat chroma = yuv.rowRange(h, h + h / 2).reshape(1, h); // rows of w/2 bytes
-            planeRows(frame, 1, h / 2, w / 2).copyTo(chroma.rowRange(0, h / 2));
-            planeRows(frame, 2, h / 2, w / 2).copyTo(chroma.rowRange(h / 2, h));
-        }
-        cv::cvtColor(yuv, bgr, format == GST_VIDEO_FORMAT_NV12 ? cv::COLOR_YUV2BGR_NV12 : cv::COLOR_YUV2BGR_I420);
+    if (converted && gst_video_info_from_caps(&info, gst_sample_get_caps(converted)) &&
+        gst_video_frame_map(&frame, &info, gst_sample_get_buffer(converted), GST_MAP_READ)) {
+        cv::Mat(info.height, info.width, CV_8UC3, GST_VIDEO_FRAME_PLANE_DATA(&frame, 0),
+                GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0))
+            .copyTo(bgr);
+        gst_video_frame_unmap(&frame);
     }
-    gst_video_frame_unmap(&frame);
+    if (converted) gst_sample_unref(converted);
     return bgr;
 }
 
@@ -117,7 +93,7 @@ bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
     GstCaps *caps = gst_sample_get_caps(sample);
     out = Received{};
     if (gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw"))
-        out.bgr = toBgr(buffer, caps);
+        out.bgr = toBgr(sample);
     else
         out.encoded = bytesOf(buffer);
     if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer)) {
@@ -213,8 +189,7 @@ template <typename Take> void forEachReferenceSample(const std::string &source, 
 
 std::vector<cv::Mat> referenceFrames(const std::string &source) {
     std::vector<cv::Mat> out;
-    forEachReferenceSample(
-        source, [&](GstSample *s) { out.push_back(toBgr(gst_sample_get_buffer(s), gst_sample_get_caps(s))); });
+    forEachReferenceSample(source, [&](GstSample *s) { out.push_back(toBgr(s)); });
     return out;
 }
 

@@ -1,4 +1,6 @@
-"""qxmeta: records through a pipeline and over the bus, the NumPy map, errors."""
+"""qxmeta. Guards against: records lost or altered on their way with the buffers through a pipeline and over the
+bus to another process, NumPy maps read back with other values or types, and bad arguments corrupting a record
+instead of raising a clear Python exception."""
 import fcntl
 import json
 import os
@@ -17,90 +19,22 @@ from qxmeta import Batch, Classification, DetectionBox, Device, Frame, Segmentat
 BUILD, SOURCE = pathlib.Path(qxmeta.__file__).resolve().parents[2], pathlib.Path(__file__).resolve().parents[2]
 os.environ.setdefault("GST_PLUGIN_PATH", str(BUILD / "plugins"))  # PYTHONPATH absolute for the child processes
 os.environ.update(GST_REGISTRY=str(BUILD / "tests/python-registry.bin"), PYTHONPATH=str(BUILD / "python"))
-import gi  # noqa: E402
-
-gi.require_version("Gst", "1.0")
-from gi.repository import Gst  # noqa: E402
+sys.path.insert(0, str(SOURCE / "examples/python"))
+from print_objects import Gst, as_json  # noqa: E402  (the subscriber example, run as a process below)
 
 Gst.init(None)
 
 
 def sample(frame_id):
-    """A record with every kind of entry, its values exact in float32, as the bus subscriber fills it."""
-    ids = (np.arange(48 * 64).reshape(48, 64) // 7 + frame_id) % 3
-    device = Device(*(f"{name}-{frame_id}" for name in "stream mac ip".split()), 554, "rtsp://127.0.0.1/cam",
-                    "Quorix", "QX-1", "S-1", "1.2", "dev-7", "on", "camera", "rtsp")
+    """A record with every kind of entry, exact in float32; its map's class ids a reversed, strided int64 view."""
+    ids = ((np.arange(96 * 128).reshape(96, 128) // 7 + frame_id) % 4 - 1)[::2, ::-2]
+    device = Device(f"stream-{frame_id}", "mac", "ip", 554, "rtsp://127.0.0.1/cam", "Quorix", "QX-1", "S-1", "1.2",
+                    "dev-7", "on", "camera", "rtsp")
     boxes = [DetectionBox(i, f"obj-{i}", i % 2, ("person", "car")[i % 2], i, 2.5, i + 10, 20.25, 0.5, '{"k": 1}')
              for i in range(frame_id % 3 + 1)]
     return Batch([device], [Frame(f"cam-{frame_id}", frame_id, 20250102030405006, 64, 48, 8, 3, 0, False,
                                   [Classification(2, "scene", "street", 0.75)], boxes,
-                                  Segmentation(ids, ids / 4, {0: "road", 1: "person", 2: "car"}))])
-
-
-def run(launch, probes, settle=0.0):
-    """Runs a pipeline to EOS with a buffer probe per (element, pad); settle: seconds to wait in READY."""
-    pipeline = Gst.parse_launch(launch)
-    for (element, pad), probe in probes.items():
-        pipeline.get_by_name(element).get_static_pad(pad).add_probe(
-            Gst.PadProbeType.BUFFER, lambda pad, info, probe=probe: probe(info) or Gst.PadProbeReturn.OK)
-    pipeline.set_state(Gst.State.READY)
-    time.sleep(settle)
-    pipeline.set_state(Gst.State.PLAYING)
-    message = pipeline.get_bus().timed_pop_filtered(60 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
-    pipeline.set_state(Gst.State.NULL)
-    assert message is not None and message.type == Gst.MessageType.EOS, message and message.parse_error()
-
-
-def test_record_travels_with_the_buffer_through_a_pipeline():
-    before, after = [], []
-
-    def stamp(info):
-        before.append(qxmeta.get(info))
-        qxmeta.attach(info, Batch(frames=[Frame(frame_id=-1)]))  # replaced next, not added
-        qxmeta.attach(info, sample(len(before) - 1))
-
-    run("videotestsrc num-buffers=4 ! video/x-raw,width=64,height=48 ! identity name=stamp ! tee ! queue"
-        " ! fakesink name=out", {("stamp", "src"): stamp, ("out", "sink"): lambda i: after.append(qxmeta.get(i))})
-    assert before == [None] * 4 and after == [sample(i) for i in range(4)]
-
-
-def test_segmentation_map_is_numpy():
-    rng = np.random.default_rng(5)
-    ids, probs = rng.integers(-3, 200, size=(480, 1280))[::2, ::-2], rng.random((240, 640))
-    buffer = Gst.Buffer.new_allocate(None, 1, None)
-    qxmeta.attach(buffer, Batch(frames=[Frame(segmentation=Segmentation(ids, probs, {5: "five"}))]))
-    got = qxmeta.get(buffer).frames[0].segmentation
-    assert (got.class_ids.dtype, got.probabilities.dtype, got.labels) == (np.int32, np.float32, {5: "five"})
-    np.testing.assert_array_equal(got.class_ids, ids)
-    np.testing.assert_array_equal(got.probabilities, probs.astype(np.float32))
-
-
-def attach_frame(**fields):
-    return lambda buffer: qxmeta.attach(buffer, Batch(frames=[Frame(**fields)]))
-
-
-@pytest.mark.parametrize("call, error, message", [
-    (lambda b: qxmeta.get("buffer"), TypeError, "expected a Gst.Buffer or Gst.PadProbeInfo, got str"),
-    (lambda b: qxmeta.attach(b, {"frames": []}), TypeError, "expected a qxmeta.Batch, got dict"),
-    (lambda b: qxmeta.attach(Gst.Sample.new(b, None, None, None).get_buffer(), Batch()), ValueError, "not writable"),
-    (attach_frame(frame_id=2**31), ValueError, "frames[0].frame_id = 2147483648 is out of range"),
-    (attach_frame(timestamp=-1), ValueError, "frames[0].timestamp = -1 is out of range"),
-    (attach_frame(stream_id=7), TypeError, "frames[0].stream_id: expected a str, got int"),
-    (attach_frame(boxes=[DetectionBox(y2=1e39)]), ValueError, "frames[0].boxes[0].y2 = 1e+39 is out of range"),
-    (attach_frame(segmentation=Segmentation(np.full((2, 2), 2**40), np.zeros((2, 2)))), ValueError,
-     "class_ids[0, 0] = 1099511627776 is out of"),
-    (attach_frame(segmentation=Segmentation(np.zeros((2, 2)), np.zeros((2, 2)))), TypeError,
-     "expected an array of integers, got dtype float64"),
-    (attach_frame(segmentation=Segmentation(np.zeros((2, 2), int), np.zeros((3, 2)))), ValueError,
-     "class_ids has shape (2, 2) but probabilities (3, 2)"),
-])
-def test_bad_input_raises_and_keeps_the_record(call, error, message):
-    buffer = Gst.Buffer.new_allocate(None, 1, None)
-    qxmeta.attach(buffer, sample(1))
-    with pytest.raises(error) as raised:
-        call(buffer)
-    assert message in str(raised.value)
-    assert qxmeta.get(buffer) == sample(1)
+                                  Segmentation(ids, ids / 4, {-1: "void", 0: "road", 1: "person", 2: "car"}))])
 
 
 @pytest.fixture
@@ -123,26 +57,58 @@ def bus_root(tmp_path, monkeypatch):
     return lock  # held, and so leased, until the test is over
 
 
-def test_records_cross_the_bus_between_processes(bus_root, tmp_path):
-    """This process publishes with qxedgesink; the subscriber example prints what its qxedgesrc delivers."""
-    frames, out = 30, tmp_path / "subscriber.out"  # a file: a full pipe would stall the subscriber's probe
-    example = [sys.executable, str(SOURCE / "examples/python/print_objects.py"), "--taggroups=uni", "--json"]
-    subscriber = subprocess.Popen(example + [f"--count={frames}", "--idle=5"], stdout=out.open("w"),
-                                  stderr=subprocess.STDOUT)
+def test_records_travel_with_the_buffers_through_a_pipeline_and_over_the_bus(bus_root, tmp_path):
+    """This pipeline's qxedgesink publishes the records; the subscriber example prints what its qxedgesrc delivers."""
+    frames, out, before, after = 30, tmp_path / "subscriber.out", [], []  # a file: a full pipe would stall it
+    subscriber = subprocess.Popen([sys.executable, str(SOURCE / "examples/python/print_objects.py"), "--json",
+                                   "--taggroups=uni", f"--count={frames}", "--idle=5"], stdout=out.open("w"))
+
+    def stamp(pad, info):
+        before.append(qxmeta.get(info))
+        qxmeta.attach(info, Batch(frames=[Frame(frame_id=-1)]))  # replaced next, not added
+        qxmeta.attach(info, sample(len(before) - 1))
+        after.append(qxmeta.get(info))
+        return Gst.PadProbeReturn.OK
+
+    pipeline = Gst.parse_launch(f"videotestsrc num-buffers={frames} ! video/x-raw,format=BGR,width=64,height=48,"
+                                "framerate=30/1 ! qxedgesink name=sink taggroups=uni")
+    pipeline.get_by_name("sink").get_static_pad("sink").add_probe(Gst.PadProbeType.BUFFER, stamp)
     try:
         while "waiting for marlet data..." not in out.read_text() and subscriber.poll() is None:
             time.sleep(0.1)
-        # The sink makes its writers on the way to READY; the waiting reader matches them meanwhile.
-        run(f"videotestsrc num-buffers={frames} ! video/x-raw,format=BGR,width=64,height=48,framerate=30/1"
-            " ! qxedgesink name=sink taggroups=uni",
-            {("sink", "sink"): lambda info: qxmeta.attach(info, sample(info.get_buffer().offset))}, settle=1.0)
+        pipeline.set_state(Gst.State.READY)  # the sink's writers are made here; the first frames may still beat
+        time.sleep(1.0)  # discovery on a busy machine
+        pipeline.set_state(Gst.State.PLAYING)
+        end = pipeline.get_bus().timed_pop_filtered(60 * Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR)
+        assert end and end.type == Gst.MessageType.EOS, end and end.parse_error()
         subscriber.wait(timeout=60)
     finally:
+        pipeline.set_state(Gst.State.NULL)
         subscriber.kill()
+    assert before == [None] * frames and after == [sample(i) for i in range(frames)]
+    assert {(b.frames[0].segmentation.class_ids.dtype.name, b.frames[0].segmentation.probabilities.dtype.name)
+            for b in after} == {("int32", "float32")}
     received = [json.loads(line) for line in out.read_text().splitlines() if line.startswith("{")]
     ids = [record["frames"][0]["frame_id"] for record in received]
-    assert received and set(ids) <= set(range(frames)), out.read_text()
-    print(f"delivered {len(received)} of {frames} frames: {ids}")
-    sys.path.insert(0, str(SOURCE / "examples/python"))
-    from print_objects import as_json
-    assert received == [json.loads(as_json(sample(i))) for i in ids]
+    assert len(received) >= frames - 5 and received == [json.loads(as_json(sample(i))) for i in ids], out.read_text()
+
+
+@pytest.mark.parametrize("call, error, message", [  # a dict: the fields of a frame to attach
+    (lambda b: qxmeta.get("buffer"), TypeError, "expected a Gst.Buffer or Gst.PadProbeInfo, got str"),
+    (lambda b: qxmeta.attach(b, {"frames": []}), TypeError, "expected a qxmeta.Batch, got dict"),
+    (lambda b: qxmeta.attach(Gst.Sample.new(b, None, None, None).get_buffer(), Batch()), ValueError, "not writable"),
+    (dict(frame_id=2**31), ValueError, "frames[0].frame_id = 2147483648 is out of range"),
+    (dict(timestamp=-1), ValueError, "frames[0].timestamp = -1 is out of range"),
+    (dict(stream_id=7), TypeError, "frames[0].stream_id: expected a str, got int"),
+    (dict(boxes=[DetectionBox(y2=1e39)]), ValueError, "frames[0].boxes[0].y2 = 1e+39 is out of range"),
+    (dict(segmentation=Segmentation(np.full((2, 2), 2**40), np.eye(2))), ValueError, "[0, 0] = 1099511627776 is out"),
+    (dict(segmentation=Segmentation(np.eye(2), np.eye(2))), TypeError, "integers, got dtype float64"),
+    (dict(segmentation=Segmentation(np.eye(2, dtype=int), np.eye(3, 2))), ValueError, "but probabilities (3, 2)"),
+])
+def test_bad_input_raises_and_keeps_the_record(call, error, message):
+    buffer = Gst.Buffer.new_allocate(None, 1, None)
+    qxmeta.attach(buffer, sample(1))
+    with pytest.raises(error) as raised:
+        call(buffer) if callable(call) else qxmeta.attach(buffer, Batch(frames=[Frame(**call)]))
+    assert message in str(raised.value)
+    assert qxmeta.get(buffer) == sample(1)
