@@ -1,7 +1,6 @@
 #pragma once
-// Records with a value in every field, shared by the session tests and the
-// helper program that publishes them from another process (so both sides know
-// what must arrive), by the read benchmark and by the fuzz seeds.
+// Records with a value in every field, shared by the record and session tests,
+// the read benchmark and the fuzz seeds.
 
 #include <cstdint>
 #include <string>
