@@ -27,21 +27,17 @@ inline void registerDefinitions(m::Marlet &bus, const std::string &root) {
     bus.addThingClassRegistry(thingClasses);
 }
 
-inline m::Thing makeThing(m::Marlet &bus, const std::string &thingClass, const std::string &id,
-                          const std::string &contextId) {
+// A thing of a shipped class in the default flow.
+inline m::Thing makeThing(m::Marlet &bus, const std::string &thingClass, const std::string &id) {
     m::JSonThingProperties props;
     props.readPropertiesFromString(R"({"thingId":")" + id + R"(","name":"test","thingClass":"com.vision.data:)" +
-                                   thingClass + R"(","contextId":")" + contextId + R"("})");
+                                   thingClass + R"(","contextId":"default"})");
     return bus.createThing(props);
 }
 
-// A frame record whose every byte depends on its id, so a mix-up shows.
+// A frame record of `bytes` bytes.
 inline std::vector<m::IOT_NVP> frame(std::uint32_t frameId, std::size_t bytes) {
-    pairtest::ByteSeq data(bytes);
-    for (std::size_t i = 0; i < bytes; ++i)
-        data[i] = static_cast<std::uint8_t>((i * 31 + frameId) >> 3);
-    return {pairtest::u32("frame_id", frameId), pairtest::bytes("data", std::move(data)),
-            pairtest::str("format", "com.vision.models.PIXEL_FORMAT_BGR8")};
+    return {pairtest::u32("frame_id", frameId), pairtest::bytes("data", pairtest::ByteSeq(bytes, 0x5a))};
 }
 
 } // namespace marlettest

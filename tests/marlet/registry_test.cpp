@@ -1,11 +1,7 @@
-// Guards the definition and properties files: shipped properties whose ids
-// moved from where they are rewritten by position, a shipped port naming a tag
-// group that is not shipped, broken or missing files not rejected with a
-// message naming file and fault, and URIs or topics mapped to the wrong path
-// or DDS topic name.
+// Guards the bus configuration, definition and properties files: broken or
+// missing files not rejected with a message naming file and fault, part of a
+// broken file registered, and topics mapped to the wrong DDS topic name.
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include <gmock/gmock.h>
@@ -17,49 +13,12 @@
 namespace {
 
 using namespace com::quorixtech::marlet;
-namespace fs = std::filesystem;
-using testing::StartsWith;
-using testing::ThrowsMessage;
 
-std::string quotedAfter(const std::string &text, std::size_t from) {
-    const auto open = text.find('"', from);
-    return text.substr(open + 1, text.find('"', open + 1) - open - 1);
-}
-
-// Other code rewrites the thing id and the context id of the properties files
-// by text position: the first string value, and the one after "contextId":.
-// A port naming a tag group that is not shipped would silently fall back to
-// whichever group of that name was registered last.
-TEST(Registries, ShippedFilesKeepTheirLayoutAndPortsNameShippedTagGroups) {
-    const std::string shipped = qxtest::sourceDir() + "/common/data_model/";
-    int count = 0;
-    for (const auto &file : fs::directory_iterator(shipped + "config")) {
-        if (file.path().extension() != ".json") continue;
-        ++count;
-        JSonThingProperties props;
-        ASSERT_NO_THROW(props.readPropertiesFromURI("file://" + file.path().string())) << file.path();
-        std::ifstream in(file.path());
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        EXPECT_EQ(quotedAfter(text, text.find(':')), props.thingId()) << file.path();
-        EXPECT_EQ(quotedAfter(text, text.find("\"contextId\":") + 12), props.contextId()) << file.path();
-    }
-    EXPECT_EQ(count, 10);
-
-    JSonTagGroupRegistry groups;
-    for (const auto &file : fs::directory_iterator(shipped + "definitions/TagGroup/com.vision.data"))
-        groups.registerTagGroupsFromURI("file://" + file.path().string());
-    JSonThingClassRegistry classes;
-    for (const auto &file : fs::directory_iterator(shipped + "definitions/ThingClass/com.vision.data"))
-        classes.registerThingClassesFromURI("file://" + file.path().string());
-    for (const auto &c : classes.thingClasses())
-        for (const auto *ports : {&c.inputs, &c.outputs})
-            for (const auto &port : *ports)
-                EXPECT_TRUE(std::any_of(groups.tagGroups().begin(), groups.tagGroups().end(),
-                                        [&](const auto &g) { return g.qualifiedName() == port.tagGroup; }))
-                    << c.qualifiedName() << " port " << port.name;
-}
-
-TEST(Registries, BrokenOrMissingFilesNameTheFileAndTheFault) {
+TEST(Registries, BrokenFilesFailWholeNamingFileAndFaultAndTopicsGetTheirDdsNames) {
+    const qxtest::ConfigRoot root;
+    const std::string missing = root.file("Bus.xml"), bad = root.file("Bad.xml");
+    root.writeFile("Bad.xml", R"(<CycloneDDS><Domain Id="seven"/></CycloneDDS>)");
+    const auto bus = [](std::string args) { return [=] { Marlet::getInstance(args); }; };
     const auto groups = [](const char *text) {
         return [=] { JSonTagGroupRegistry().registerTagGroupsFromString(text, "broken.json"); };
     };
@@ -70,6 +29,10 @@ TEST(Registries, BrokenOrMissingFilesNameTheFileAndTheFault) {
         return [=] { JSonThingProperties().readPropertiesFromString(text, "broken.json"); };
     };
     const std::pair<std::function<void()>, std::string> cases[] = {
+        {bus("config=file://" + missing), "cannot read bus configuration file \"" + missing + "\""},
+        {bus("file://" + missing), "Marlet::getInstance expects \"config=<file URI>\", got \"file://" + missing + "\""},
+        {bus("config=file://" + bad),
+         "bus configuration file \"" + bad + "\": Domain Id \"seven\" is not a number from 0 to 232 or \"any\""},
         {groups(R"({"tagGroups": [)"), "broken.json: JSON parse error at byte 16: "},
         {groups("[1,2]"), "broken.json: the document is not a JSON object"},
         {groups(R"({"tagGroups": []})"), "broken.json: no tag groups in \"tagGroups\""},
@@ -89,27 +52,20 @@ TEST(Registries, BrokenOrMissingFilesNameTheFileAndTheFault) {
         {properties(R"({"thingId":"","thingClass":"n:c"})"), "broken.json: empty \"thingId\""},
         {properties(R"({"thingId":"t","thingClass":"c"})"),
          "broken.json: thingClass \"c\" is not of the form namespace:name"},
-        {[] { JSonTagGroupRegistry().registerTagGroupsFromURI("file:///nonexistent/G.json"); },
-         "cannot open tag group file \"/nonexistent/G.json\" (file:///nonexistent/G.json)"},
+        {[] { JSonTagGroupRegistry().registerTagGroupsFromURI("/nonexistent/G.json"); }, // a path, as it is not file://
+         "cannot open tag group file \"/nonexistent/G.json\" (/nonexistent/G.json)"},
     };
     for (const auto &[load, message] : cases)
-        EXPECT_THAT(load, ThrowsMessage<ConfigError>(StartsWith(message)));
+        EXPECT_THAT(load, testing::ThrowsMessage<ConfigError>(testing::StartsWith(message)));
     // A file is checked whole before any of it registers.
     JSonTagGroupRegistry registry;
     EXPECT_THROW(registry.registerTagGroupsFromString(R"({"tagGroups":[{"namespace":"n","name":"ok"},{}]})"),
                  ConfigError);
     EXPECT_TRUE(registry.tagGroups().empty());
-}
-
-TEST(Registries, UrisAndTopicsMapToTheirPathsAndDdsNames) {
-    EXPECT_EQ(uriToPath("file:///opt/quorix/ixo/config/Marlet.xml"), "/opt/quorix/ixo/config/Marlet.xml");
-    EXPECT_EQ(uriToPath("file:/one-slash"), "file:/one-slash"); // anything else is left alone
-    JSonTagGroupRegistry groups;
-    groups.registerTagGroupsFromString(R"({"tagGroups":[{"namespace":"a.b","name":"C"}]})");
-    EXPECT_EQ(groups.tagGroups().at(0).topic, "a.b.C"); // by default
-    // Tools that watch the bus through DDS itself find the topics by these names.
-    EXPECT_EQ(ddsTopicName("com.vision.data.IXOPipe"), "com/vision/data/IXOPipe");
-    EXPECT_EQ(ddsTopicName("9 lives-x"), "_9_lives_x");
+    registry.registerTagGroupsFromString(R"({"tagGroups":[{"namespace":"9 lives","name":"x-C"}]})");
+    // The topic by default, and the name tools that watch the bus through DDS itself find it by.
+    EXPECT_EQ(registry.tagGroups().at(0).topic, "9 lives.x-C");
+    EXPECT_EQ(ddsTopicName(registry.tagGroups().at(0).topic), "_9_lives/x_C");
 }
 
 } // namespace

@@ -1,23 +1,24 @@
 // Guards the shipped layout: an install or a Debian package missing the
 // plug-in, a library, the headers, the pkg-config files, the tool or the
-// configuration root, or a plug-in or tool that does not run from there.
-
-#include <gtest/gtest.h>
+// configuration root, a package without its dependencies, or a plug-in or
+// tool that does not run from there.
 
 #include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "qxtest/config_root.h"
 #include "tool_runner.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using qxbus_test::run;
+using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-// The tree under `tree` (prefix /usr) holds every file, gst-inspect-1.0 loads the
-// elements with only that tree to search and no LD_LIBRARY_PATH (so their run
-// path must find our libraries), and the tool finds the bus library from there.
+// The tree (prefix /usr) holds every file, gst-inspect-1.0 loads the elements from it with no
+// LD_LIBRARY_PATH (their run path must find our libraries), and the tool runs from there.
 void expectWorkingTree(const std::string &tree, const std::string &scratch) {
     const std::string usr = tree + "/usr/", plugins = tree + QX_GST_PLUGIN_INSTALL_DIR, lib = usr + QX_INSTALL_LIBDIR,
                       config = tree + QX_CONFIG_ROOT_INSTALL_DIR;
@@ -27,13 +28,12 @@ void expectWorkingTree(const std::string &tree, const std::string &scratch) {
           usr + QX_INSTALL_INCLUDEDIR + "/marlet/marlet.h", config + "/config/Marlet.xml",
           config + "/definitions/TagGroup/com.vision.data/VideoFrameTagGroup.json"})
         EXPECT_TRUE(fs::exists(file)) << file;
-    const auto inspected = run({qxbus_test::findProgram("gst-inspect-1.0"), "qxedge"}, scratch,
+    const auto inspected = run({"/usr/bin/env", "gst-inspect-1.0", "qxedge"}, scratch,
                                {{"GST_PLUGIN_PATH", plugins},
                                 {"GST_PLUGIN_SYSTEM_PATH_1_0", plugins},
                                 {"GST_REGISTRY", scratch + "/registry.bin"},
                                 {"GST_REGISTRY_FORK", "no"}});
-    EXPECT_NE(inspected.out.find("qxedgesink"), std::string::npos) << inspected.out << inspected.err;
-    EXPECT_NE(inspected.out.find("qxedgesrc"), std::string::npos) << inspected.out << inspected.err;
+    EXPECT_THAT(inspected.out, testing::AllOf(HasSubstr("qxedgesink"), HasSubstr("qxedgesrc"))) << inspected.err;
     EXPECT_EQ(run({usr + QX_INSTALL_BINDIR + "/qxbus", "--help"}, scratch).status, 0);
 }
 
@@ -43,23 +43,20 @@ TEST(Install, StagedTreeAndDebianPackageHoldEverythingAndThePluginLoads) {
     const qxtest::ConfigRoot scratch; // only a private directory here
     const std::string dir = scratch.path();
     const auto installed = run({QX_CMAKE_PROGRAM, "--install", qxtest::buildDir(), "--prefix", "/usr"}, dir,
-                               {{"DESTDIR", dir + "/stage"}}, 300s);
+                               {{"DESTDIR", dir + "/stage"}}, std::chrono::minutes(5));
     ASSERT_EQ(installed.status, 0) << installed.out << installed.err;
     expectWorkingTree(dir + "/stage", dir);
 
-    const std::string dpkgDeb = qxbus_test::findProgram("dpkg-deb");
-    if (dpkgDeb.empty()) GTEST_SKIP() << "dpkg-deb is missing";
+    // From the build directory, cpack reads its CPackConfig.cmake.
     const auto packed =
-        run({QX_CPACK_PROGRAM, "-G", "DEB", "--config", qxtest::buildDir() + "/CPackConfig.cmake", "-B", dir}, dir, {},
-            600s);
+        run({QX_CPACK_PROGRAM, "-G", "DEB", "-B", dir}, qxtest::buildDir(), {}, std::chrono::minutes(10));
     ASSERT_EQ(packed.status, 0) << packed.out << packed.err;
     std::string deb;
     for (const auto &entry : fs::directory_iterator(dir))
         if (entry.path().extension() == ".deb") deb = entry.path().string();
-    const auto info = run({dpkgDeb, "-f", deb, "Package", "Depends"}, dir);
-    EXPECT_NE(info.out.find("Package: qxedge\n"), std::string::npos) << info.out << info.err;
-    EXPECT_NE(info.out.find("libgstreamer1.0-0"), std::string::npos) << info.out;
-    ASSERT_EQ(run({dpkgDeb, "-x", deb, dir + "/tree"}, dir).status, 0) << deb;
+    EXPECT_THAT(run({"/usr/bin/env", "dpkg-deb", "-f", deb, "Package", "Depends"}, dir).out,
+                testing::AllOf(HasSubstr("Package: qxedge\n"), HasSubstr("libgstreamer1.0-0")));
+    ASSERT_EQ(run({"/usr/bin/env", "dpkg-deb", "-x", deb, dir + "/tree"}, dir).status, 0) << deb;
     expectWorkingTree(dir + "/tree", dir); // the package holds what an install holds
 }
 

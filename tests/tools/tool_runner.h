@@ -2,9 +2,6 @@
 // Runs qxbus and other programs as child processes for the tests.
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,17 +15,7 @@ struct RunResult {
     std::string err;
 };
 
-// Absolute path of a program found on PATH, or "" when there is none.
-inline std::string findProgram(const std::string &name) {
-    const char *path = std::getenv("PATH");
-    std::istringstream dirs(path ? path : "/usr/bin:/bin");
-    std::error_code ec;
-    for (std::string dir; std::getline(dirs, dir, ':');)
-        if (std::filesystem::is_regular_file(std::filesystem::path(dir) / name, ec)) return dir + "/" + name;
-    return "";
-}
-
-// Runs argv (argv[0] an absolute path) in cwd and waits for it to end.
+// Runs argv (argv[0] an absolute path: /usr/bin/env finds others on PATH) in cwd and waits for it to end.
 inline RunResult run(const std::vector<std::string> &argv, const std::string &cwd,
                      const std::vector<std::pair<std::string, std::string>> &env = {},
                      std::chrono::seconds timeout = std::chrono::seconds(120)) {
@@ -40,10 +27,6 @@ inline RunResult run(const std::vector<std::string> &argv, const std::string &cw
 inline std::vector<std::string> qxbusArgv(std::vector<std::string> args) {
     args.insert(args.begin(), QXBUS_PROGRAM);
     return args;
-}
-
-inline RunResult runQxbus(const std::vector<std::string> &args, const std::string &cwd) {
-    return run(qxbusArgv(args), cwd);
 }
 
 } // namespace qxbus_test

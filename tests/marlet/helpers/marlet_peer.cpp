@@ -1,6 +1,6 @@
 // A second bus process for the cross-process tests, run in a configuration
-// root. Reads the tag groups named by its arguments: a sample whose first pair
-// is "burst_id" is reported as "burst <id>" on stdout, any other is written
+// root. Reads the tag groups named by its arguments: a frame of more than a
+// kilobyte is reported as "frame <id>" on stdout, any other sample is written
 // back unchanged on DeviceInfoData. Prints "ready peer-out" once its readers
 // exist, and runs until it is killed (two minutes at most).
 
@@ -15,8 +15,8 @@ int main(int argc, char **argv) {
     try {
         m::Marlet bus = m::Marlet::getInstance("config=file://./config/Marlet.xml");
         marlettest::registerDefinitions(bus, ".");
-        m::Thing in = marlettest::makeThing(bus, "VideoFrameThingIn", "peer-in", "default");
-        m::Thing out = marlettest::makeThing(bus, "DeviceInfoThingOut", "peer-out", "default");
+        m::Thing in = marlettest::makeThing(bus, "VideoFrameThingIn", "peer-in");
+        m::Thing out = marlettest::makeThing(bus, "DeviceInfoThingOut", "peer-out");
         std::vector<m::Thing::Selector> selectors;
         for (int i = 1; i < argc; ++i) {
             selectors.push_back(in.select(argv[i])); // any registered tag group, by name
@@ -27,11 +27,11 @@ int main(int argc, char **argv) {
         while (std::chrono::steady_clock::now() < deadline) {
             for (auto &selector : selectors) {
                 for (const auto &sample : selector.read<Pairs>(50)) {
-                    const Pairs &pairs = sample.getData();
-                    if (!pairs.empty() && pairs[0].name() == "burst_id")
-                        std::cout << "burst " << pairs[0].value().iotv_uint32() << std::endl;
+                    const Pairs &frame = sample.getData(); // as marlettest::frame makes them
+                    if (frame.at(1).value().iotv_byte_seq().size() > 1024)
+                        std::cout << "frame " << frame[0].value().iotv_uint32() << std::endl;
                     else
-                        out.write("DeviceInfoData", pairs);
+                        out.write("DeviceInfoData", frame);
                 }
             }
         }
