@@ -1,9 +1,9 @@
-"""qxmeta. Guards against: records lost or altered on their way with the buffers through a pipeline and over the
-bus to another process, NumPy maps read back with other values or types, and bad arguments corrupting a record
-instead of raising a clear Python exception."""
+"""qxmeta, run by ctest (whose environment names the build tree's package and plug-ins). Guards against: records lost
+or altered on their way with the buffers through a pipeline and over the bus to another process, NumPy maps read back
+with other values or types, and bad arguments corrupting a record instead of raising a clear Python exception."""
+import contextlib
 import fcntl
 import json
-import os
 import pathlib
 import shutil
 import subprocess
@@ -13,23 +13,18 @@ import time
 
 import numpy as np
 import pytest
-import qxmeta  # the build tree's package: PYTHONPATH=build/python
+import qxmeta
+from print_objects import Gst, as_json  # the subscriber example, run as a process below
 from qxmeta import Batch, Classification, DetectionBox, Device, Frame, Segmentation
 
-BUILD, SOURCE = pathlib.Path(qxmeta.__file__).resolve().parents[2], pathlib.Path(__file__).resolve().parents[2]
-os.environ.setdefault("GST_PLUGIN_PATH", str(BUILD / "plugins"))  # PYTHONPATH absolute for the child processes
-os.environ.update(GST_REGISTRY=str(BUILD / "tests/python-registry.bin"), PYTHONPATH=str(BUILD / "python"))
-sys.path.insert(0, str(SOURCE / "examples/python"))
-from print_objects import Gst, as_json  # noqa: E402  (the subscriber example, run as a process below)
-
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
 Gst.init(None)
 
 
 def sample(frame_id):
     """A record with every kind of entry, exact in float32; its map's class ids a reversed, strided int64 view."""
     ids = ((np.arange(96 * 128).reshape(96, 128) // 7 + frame_id) % 4 - 1)[::2, ::-2]
-    device = Device(f"stream-{frame_id}", "mac", "ip", 554, "rtsp://127.0.0.1/cam", "Quorix", "QX-1", "S-1", "1.2",
-                    "dev-7", "on", "camera", "rtsp")
+    device = Device(f"stream-{frame_id}", "mac", "ip", 554, "uri", "Qx", "QX-1", "S-1", "1.2", "d7", "on", "cam", "rt")
     boxes = [DetectionBox(i, f"obj-{i}", i % 2, ("person", "car")[i % 2], i, 2.5, i + 10, 20.25, 0.5, '{"k": 1}')
              for i in range(frame_id % 3 + 1)]
     return Batch([device], [Frame(f"cam-{frame_id}", frame_id, 20250102030405006, 64, 48, 8, 3, 0, False,
@@ -37,28 +32,20 @@ def sample(frame_id):
                                   Segmentation(ids, ids / 4, {-1: "void", 0: "road", 1: "person", 2: "car"}))])
 
 
-@pytest.fixture
-def bus_root(tmp_path, monkeypatch):
-    """The shipped root copied and entered, on a DDS domain id leased like the C++ tests' ConfigRoot."""
+def test_records_travel_with_the_buffers_through_a_pipeline_and_over_the_bus(tmp_path, monkeypatch):
+    """This pipeline's qxedgesink publishes the records; the subscriber example prints what its qxedgesrc delivers."""
+    # The shipped root copied, on a DDS domain id leased as the C++ tests' ConfigRoot does: an flock held to the end.
     (locks := pathlib.Path(tempfile.gettempdir(), "qxedge-test-domains")).mkdir(exist_ok=True)
-    for domain in (1 + (os.getpid() + k) % 230 for k in range(230)):
+    for domain in range(1, 231):
         lock = open(locks / f"{domain}.lock", "a")
-        try:
+        with contextlib.suppress(BlockingIOError):
             fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
             break
-        except OSError:
-            lock.close()
-    else:
-        pytest.fail("no free DDS domain id")
-    shutil.copytree(SOURCE / "common/data_model", tmp_path / "root")
-    marlet = tmp_path / "root/config/Marlet.xml"
+        lock.close()
+    assert not lock.closed, "no free DDS domain id"
+    marlet = shutil.copytree(SOURCE / "common/data_model", tmp_path / "root") / "config/Marlet.xml"
     marlet.write_text(marlet.read_text().replace('<Domain Id="0">', f'<Domain Id="{domain}">', 1))
     monkeypatch.chdir(tmp_path / "root")
-    return lock  # held, and so leased, until the test is over
-
-
-def test_records_travel_with_the_buffers_through_a_pipeline_and_over_the_bus(bus_root, tmp_path):
-    """This pipeline's qxedgesink publishes the records; the subscriber example prints what its qxedgesrc delivers."""
     frames, out, before, after = 30, tmp_path / "subscriber.out", [], []  # a file: a full pipe would stall it
     subscriber = subprocess.Popen([sys.executable, str(SOURCE / "examples/python/print_objects.py"), "--json",
                                    "--taggroups=uni", f"--count={frames}", "--idle=5"], stdout=out.open("w"))
@@ -106,8 +93,7 @@ def test_records_travel_with_the_buffers_through_a_pipeline_and_over_the_bus(bus
     (dict(segmentation=Segmentation(np.eye(2, dtype=int), np.eye(3, 2))), ValueError, "but probabilities (3, 2)"),
 ])
 def test_bad_input_raises_and_keeps_the_record(call, error, message):
-    buffer = Gst.Buffer.new_allocate(None, 1, None)
-    qxmeta.attach(buffer, sample(1))
+    qxmeta.attach(buffer := Gst.Buffer.new_allocate(None, 1, None), sample(1))
     with pytest.raises(error) as raised:
         call(buffer) if callable(call) else qxmeta.attach(buffer, Batch(frames=[Frame(**call)]))
     assert message in str(raised.value)

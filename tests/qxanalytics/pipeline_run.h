@@ -1,7 +1,6 @@
 #pragma once
-// Runs gst-launch lines with the build tree's plug-ins and hands back what their appsinks received, or the error.
+// Plays gst-launch lines with the build tree's plug-ins and hands back what reached their appsink, or the error.
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,57 +21,36 @@ struct GstreamerEnvironment : ::testing::Environment {
 inline auto *const gstreamerEnvironment = ::testing::AddGlobalTestEnvironment(new GstreamerEnvironment);
 
 struct RunResult {
-    std::map<std::string, std::vector<std::shared_ptr<GstBuffer>>> buffers; // per appsink, in arrival order
-    std::string error; // message and debug text of the error the pipeline posted
+    std::vector<std::shared_ptr<GstBuffer>> buffers; // that reached the appsink "out", in arrival order
+    std::string error;                               // of the error the pipeline posted
 };
 
-// Plays the pipeline `runs` times and returns the last run's results, which so show that its elements start
-// afresh. `input` goes into the appsrc "in" on every run and stays the caller's.
-inline RunResult runPipeline(const std::string &launch, const std::vector<std::string> &sinks,
-                             const std::vector<GstBuffer *> &input = {}, int runs = 1) {
-    GError *error = nullptr;
-    GstElement *pipeline = gst_parse_launch(launch.c_str(), &error);
-    if (error) {
-        ADD_FAILURE() << launch << ": " << error->message;
-        g_clear_error(&error);
-        return {};
+// Plays the pipeline to its end. `input`, if any, goes into the appsrc "in", which takes it.
+inline RunResult runPipeline(const std::string &launch, GstBuffer *input = nullptr) {
+    g_autoptr(GstElement) pipeline =
+        gst_parse_launch_full(launch.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, nullptr);
+    if (!pipeline) return {{}, "cannot parse " + launch};
+    if (input) {
+        g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(pipeline), "in");
+        gst_app_src_push_buffer(GST_APP_SRC(source), input);
+        gst_app_src_end_of_stream(GST_APP_SRC(source));
     }
-    // An appsink holds the end of stream back until its samples are pulled; here they are pulled after it.
-    for (const std::string &name : sinks)
-        gst_child_proxy_set(GST_CHILD_PROXY(pipeline), (name + "::wait-on-eos").c_str(), FALSE, nullptr);
-    GstBus *bus = gst_element_get_bus(pipeline);
-    RunResult result;
-    for (int run = 0; run < runs; ++run) {
-        result = {};
-        if (GstElement *source = input.empty() ? nullptr : gst_bin_get_by_name(GST_BIN(pipeline), "in")) {
-            for (GstBuffer *buffer : input)
-                gst_app_src_push_buffer(GST_APP_SRC(source), gst_buffer_ref(buffer));
-            gst_app_src_end_of_stream(GST_APP_SRC(source));
-            gst_object_unref(source);
-        }
-        gst_element_set_state(pipeline, GST_STATE_PLAYING);
-        // A guard against a hang only: nothing is judged by how long a run takes.
-        GstMessage *end =
-            gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-        if (!end) result.error = "pipeline did not finish";
-        if (end && GST_MESSAGE_TYPE(end) == GST_MESSAGE_ERROR) {
-            gchar *debug = nullptr;
-            gst_message_parse_error(end, &error, &debug);
-            result.error = std::string(error->message) + " | " + (debug ? debug : "");
-            g_clear_error(&error);
-            g_free(debug);
-        }
-        if (end) gst_message_unref(end);
-        for (const std::string &name : sinks) {
-            GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
-            while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0)) // the buffer keeps it
-                result.buffers[name].emplace_back(std::shared_ptr<GstSample>(sample, gst_sample_unref),
-                                                  gst_sample_get_buffer(sample));
-            gst_object_unref(sink);
-        }
-        gst_element_set_state(pipeline, GST_STATE_NULL);
+    g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    g_object_set(sink, "wait-on-eos", FALSE, nullptr); // else it holds the end of stream back until pulled from
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    // A guard against a hang only: nothing is judged by how long a run takes.
+    g_autoptr(GstMessage) end = gst_bus_timed_pop_filtered(GST_ELEMENT_BUS(pipeline), 60 * GST_SECOND,
+                                                           GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    RunResult result{{}, end ? "" : "pipeline did not finish"};
+    if (end && GST_MESSAGE_TYPE(end) == GST_MESSAGE_ERROR) {
+        g_autoptr(GError) error = nullptr;
+        g_autofree gchar *debug = nullptr;
+        gst_message_parse_error(end, &error, &debug);
+        result.error = std::string(error->message) + " | " + (debug ? debug : "");
     }
-    gst_object_unref(bus);
-    gst_object_unref(pipeline);
+    while (GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0)) // the buffer keeps it
+        result.buffers.emplace_back(std::shared_ptr<GstSample>(sample, gst_sample_unref),
+                                    gst_sample_get_buffer(sample));
+    gst_element_set_state(pipeline, GST_STATE_NULL);
     return result;
 }
