@@ -22,7 +22,7 @@ frames="${QX_DEMO_FRAMES:-300}"
 out="demo-output"
 rm -rf "$out"
 mkdir -p "$out"
-demo="$build/demo/qxedge-demo"
+demo="$build/tools/qxedge-demo/qxedge-demo"
 
 echo "subscriber: qxedgesrc ! qxoverlay -> $out/"
 "$demo" subscribe --expect "$frames" --seconds $((frames / 30 + 60)) --out "$out" >"$out/subscriber.log" 2>&1 &

@@ -19,7 +19,7 @@ frames=$((minutes * 60 * fps))
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target gstqxedge gstqxanalytics qxedge-demo >/dev/null
-demo=$PWD/$build/demo/qxedge-demo
+demo=$PWD/$build/tools/qxedge-demo/qxedge-demo
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/qxedge-soak-XXXXXX")
 pids=()
