@@ -142,10 +142,11 @@ std::string PublisherRun::source() const {
            ",height=" + std::to_string(height) + ",framerate=30/1" + (encoder.empty() ? "" : " ! " + encoder);
 }
 
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run) {
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run,
+                                                     const std::string &debug) {
     std::string launch = run.source() + " ! qxedgesink name=sink taggroups=" + run.taggroups;
     if (!run.contextId.empty()) launch += " context-id=" + run.contextId;
-    return startPipeline(root, launch, {"--src-meta", run.stream, "--settle-ms", "1000"});
+    return startPipeline(root, launch, {"--src-meta", run.stream, "--settle-ms", "1000"}, debug);
 }
 
 std::vector<Received> pull(Subscriber &subscriber, const std::string &stream, Until until) {

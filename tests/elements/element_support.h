@@ -52,7 +52,6 @@ class Subscriber {
     bool waitingForFirstFrame() const;
     bool pull(Received &out, std::chrono::milliseconds timeout);
     GstStateChangeReturn stop() { return gst_element_set_state(pipeline_, GST_STATE_NULL); }
-    GstElement *source() const { return source_; }
     // A counter of the source's stats property.
     std::uint64_t stat(const char *name) const;
 
@@ -88,7 +87,8 @@ struct PublisherRun {
     int height = 240;
     std::string source() const; // the part before qxedgesink
 };
-std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run);
+std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run,
+                                                     const std::string &debug = "");
 
 // When pull() stops: at frame lastId, after count buffers, when the publisher
 // (if given) ended and nothing came for 3 s, or when the time is up.

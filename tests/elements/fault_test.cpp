@@ -95,10 +95,7 @@ TEST(Faults, PublisherKeepsItsRateWhenReadersDieOrLag) {
     ASSERT_TRUE(killed->waitForOutput("waiting for marlet data", 30s));
     Subscriber slow(kExact, kCaps + " ! identity sleep-time=200000");
     slow.start();
-    auto publisher = startPipeline(root,
-                                   PublisherRun{"BGR", 240, "rate"}.source() +
-                                       " ! qxedgesink name=sink taggroups=" + srcexpect::kAllGroupsWithVideo,
-                                   {"--src-meta", "rate", "--settle-ms", "1000"}, "qxedgesink:4");
+    auto publisher = startPublisher(root, {"BGR", 240, "rate"}, "qxedgesink:4");
     std::size_t atKill = 0;
     double publisherAtKill = 0, publisherAfter = 0, lowest = 1e9, highest = 0;
     std::chrono::steady_clock::time_point killedAt;
@@ -189,9 +186,7 @@ TEST(Faults, MalformedFloodBesideRealFrames) {
     expectFrames(exactRun, 149, 0.9, "real");
     EXPECT_FALSE(compatibleRun.empty());
     for (const Received &r : compatibleRun)
-        if (!r.frames.front().class_results.empty())
-            EXPECT_TRUE(srcexpect::same(r.frames.front().class_results,
-                                        srcexpect::frame(r.id(), "real", 320, 240).class_results));
+        EXPECT_TRUE(srcexpect::sameWithResults(r.frames.front(), srcexpect::frame(r.id(), "real", 320, 240), true));
     EXPECT_GT(exact.stat("samples-rejected"), 1000u);
     EXPECT_GT(compatible.stat("samples-rejected"), 1000u);
 }

@@ -171,16 +171,6 @@ TEST(Overlay, ChangesExactlyThePixelsTheResultsCallFor) {
     }
 }
 
-TEST(Analytics, RefusesFormatsItCannotRead) {
-    for (const std::string element : {"GRAY8 ! qxanalyze", "I420 ! qxoverlay"}) {
-        const RunResult run =
-            runPipeline("appsrc name=in caps=video/x-raw,width=64,height=48,framerate=30/1,format=" + element +
-                            " ! appsink name=out",
-                        gst_buffer_new_allocate(nullptr, 64 * 48 * 2, nullptr));
-        EXPECT_NE(run.error.find("not-negotiated"), std::string::npos) << element << ": " << run.error;
-    }
-}
-
 TEST(CentroidTracker, KeepsIdsWithTheirObjects) {
     using Frames = std::vector<std::vector<cv::Point2f>>;
     // Centroids frame by frame, and the ids expected for them (gate 50, up to 2 frames missed).

@@ -8,49 +8,29 @@ namespace receivertest {
 
 TOLVIXO::FrameInfo makeFrame(std::uint32_t frameId, std::uint32_t width, std::uint32_t height,
                              const std::string &format) {
-    TOLVIXO::FrameInfo frame;
-    frame.stream_id = "cam-0";
-    frame.frame_id = frameId;
-    frame.width = width;
-    frame.height = height;
-    frame.channels = 3;
-    frame.size = width * height * 3;
-    frame.data.resize(frame.size);
-    for (std::size_t i = 0; i < frame.data.size(); ++i)
-        frame.data[i] = static_cast<unsigned char>(i + 1);
-    frame.format = format;
-    frame.compression = "com.vision.models.COMPRESSION_KIND_NONE";
-    frame.framerate = 30.0f;
-    return frame;
+    std::vector<unsigned char> bytes(width * height * 3);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<unsigned char>(i + 1);
+    return {"cam-0", frameId,
+            0,       bytes,
+            width,   height,
+            3,       width * height * 3,
+            format,  "com.vision.models.COMPRESSION_KIND_NONE",
+            30.0f};
 }
 
 TOLVIXO::Information<TOLVIXO::ClassificationData> makeClassification(std::uint32_t frameId, int results) {
-    TOLVIXO::Information<TOLVIXO::ClassificationData> record;
-    record.engine_id = "classifier";
-    record.stream_id = "cam-0";
-    record.frame_id = frameId;
+    TOLVIXO::Information<TOLVIXO::ClassificationData> record{"classifier", "cam-0", frameId, {}};
     for (int i = 0; i < results; ++i)
         record.data.push_back({i, "prob", "label-" + std::to_string(i), 0.5f});
     return record;
 }
 
 TOLVIXO::Information<TOLVIXO::DetectionBoxData> makeDetection(std::uint32_t frameId) {
-    TOLVIXO::Information<TOLVIXO::DetectionBoxData> record;
-    record.engine_id = "detector";
-    record.frame_id = frameId;
-    TOLVIXO::DetectionBoxData box;
-    box.obj_id = static_cast<std::int32_t>(frameId);
-    record.data.push_back(box);
-    return record;
+    return {"detector", "", frameId, {{static_cast<std::int32_t>(frameId)}}};
 }
 
-TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId) {
-    TOLVIXO::SegmentInfo record;
-    record.engine_id = "segmenter";
-    record.frame_id = frameId;
-    record.data.resize(1);
-    return record;
-}
+TOLVIXO::SegmentInfo makeSegment(std::uint32_t frameId) { return {"segmenter", "", frameId, 0, {{}}}; }
 
 TOLVIXO::DeviceInfo makeDevice(const std::string &devId) {
     TOLVIXO::DeviceInfo device;

@@ -1,7 +1,7 @@
 // Guards the records on the wire, separate and combined: a pair renamed, retyped,
 // reordered or given its neighbour's value (peers then read garbage), a list left
 // out when empty, a decoder that loses a field or mishandles names it does not
-// know or values of the wrong kind, and the exact debug dumps operators read.
+// know or values of the wrong kind.
 
 #include <string>
 #include <vector>
@@ -146,51 +146,4 @@ TEST(RecordsDecode, ValueOfTheWrongKindThrowsTheBusLibrarysError) {
             EXPECT_EQ(e.what(), std::string("IOT_VALUE kind mismatch: ") + row.message);
         }
     }
-}
-
-TEST(RecordsDump, TextsOfEachRecord) {
-    const std::string rule = "************************************\n";
-    const Classifications scores{"e", "s", 4000000000u, {{-3, "o", "l", 0.75f}, {281, "o2", "l2", 0.125f}}};
-    const Detections boxes{"e", "s", 17, {{5, -1, "ol", "cl", 10.5f, 20.25f, 300, 400.75f, 0.875f, "m"}}};
-    // At most ten bytes, and ten masks, are listed.
-    SegmentInfo masks{"e", "s", 11, 12, {}};
-    std::string maskLines;
-    for (std::uint32_t i = 0; i < 11; ++i) {
-        masks.data.push_back({i, 0, 100 + i, 50, 0, 0, 0, "m" + std::to_string(i), 0, {}});
-        if (i < 10)
-            maskLines += std::to_string(i) + ", m" + std::to_string(i) + ", " + std::to_string(100 + i) + ", 50\n";
-    }
-    EXPECT_EQ(masks.GetString(), rule + "engine_id = e\nstream_id = s\nframe_id = 11\ninference_id = 12\ndata = \n" +
-                                     maskLines + " ... \n");
-    EXPECT_EQ(FrameInfo().GetString(), "");
-    // The other dumps are framed by a rule above and below.
-    const std::pair<std::string, std::string> rows[] = {
-        {sampleFrame().GetString(),
-         "stream_id = cam-1\nframe_id = 42\ntimestamp = 20240102030405006\ndata = 1,2,3,4,5,6,7,8,9,10, ... \nwidth = "
-         "4\n"
-         "height = 1\nchannels = 3\nsize = 12\nformat = bgr\ncompression = none\nframerate = 29.97\n"},
-        {es::device().GetString(),
-         "stream_id = cam-front\nmac_address = 02:42:ac\nip_address = 127.0.0.2\nport = -554\nURI = rtsp://cam/1\n"
-         "manufacturer = Quorix\nmodel = QX-9\nserial = SN-42\nfw_version = 3.1\ndev_id = dev-7\nstatus = online\n"
-         "kind = camera\nprotocol = rtsp\n"},
-        {scores.GetString(),
-         "EngineID = e\nStreamID = s\nFrameID = 4000000000\nData content = \n\n[0]\n Index = -3\n Output = o\n"
-         " Label = l\n Probability = 0.75\n --------- \n[1]\n Index = 281\n Output = o2\n Label = l2\n"
-         " Probability = 0.125\n --------- \n"},
-        {boxes.GetString(),
-         "EngineID = e\nStreamID = s\nFrameID = 17\nData content = \n\n[0]\n (ObjID, ObjLabel) = (5, ol)\n"
-         " (ClassID, ClassLabel) = (-1, cl)\n (X1, Y1, X2, Y2) = (10.5, 20.25, 300, 400.75)\n Probability = 0.875\n"
-         " Meta = m\n --------- \n"},
-    };
-    for (const auto &[text, body] : rows)
-        EXPECT_EQ(text, rule + body + rule);
-}
-
-TEST(RecordsCopy, AppendsTheBytesAndCopiesEverythingElse) {
-    FrameInfo source = sampleFrame();
-    FrameInfo target;
-    target.data = {200, 201};
-    source.Copy(target);
-    source.data.insert(source.data.begin(), {200, 201});
-    EXPECT_EQ(target.Encode(), source.Encode());
 }
