@@ -1,11 +1,11 @@
 // qxedgesink as applications use it, each publisher a process of its own, what
 // reached the bus read back with the bus library. Guards against: what
-// gst-inspect and the properties show drifting from the documented texts; bad
-// input or broken configuration that crashes late, opens silently with
-// defaults or fails without its reason; a restart that aborts or stops
-// publishing; pictures that differ from OpenCV's conversion; lost, repeated or
-// reordered frames; results repeated from an earlier frame or attached to the
-// wrong one; filler records and device fields other than the documented ones.
+// gst-inspect shows drifting from the documented texts; bad input or broken
+// configuration that crashes late, opens silently with defaults or fails
+// without its reason; a restart that aborts or stops publishing; pictures
+// other than the input's; lost, repeated or reordered frames; results
+// repeated from an earlier frame; the segmentation map's runs, filler records
+// and device fields other than the documented ones.
 
 #include <gtest/gtest.h>
 

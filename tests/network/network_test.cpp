@@ -1,5 +1,7 @@
 // Beyond the loopback profile, as users run it: the demo pipelines on two hosts (network namespaces
 // joined by a veth pair, private addresses that nothing leaves); the secured profile's roles and wire.
+// Guards against frames or results that do not cross between hosts (plain or secured, both pairings),
+// participants without credentials or without a grant that read anyway, and samples sent in clear.
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,8 @@
 // qxanalyze and qxoverlay in real pipelines, and the tracking rules on their own. Guards against: objects missed,
 // boxed in the wrong place or given another id while in view, a mask that does not match the picture, a wrong frame
 // class, frame and device fields that do not carry the properties, a mistyped ip-address or mac-address taken to be
-// published with every frame (it must be refused, saying why, and the previous value kept), formats the elements
-// cannot read passing negotiation; boxes, labels, the caption or the mask tint drawn wrongly (red and blue swapped,
-// say), and pictures with nothing to draw being touched at all.
+// published with every frame (it must be refused, saying why, and the previous value kept); boxes, labels, the
+// caption or the mask tint drawn wrongly (red and blue swapped, say), and pictures with nothing to draw being touched.
 
 #include <set>
 

@@ -1,6 +1,10 @@
-// The pairing engine on a fake clock. Each row is a script of arrivals and clock
-// steps; after every step the consumer takes all that is released, and the row
-// checks that sequence and the counters.
+// The frame-exact pairing engine on a fake clock. Guards against a frame paired
+// with another frame's or publisher's results, released twice, out of order or
+// never; results lost when they come before their frame or late; a restart or a
+// second publisher disturbing the first; unbounded queues; miscounted stats.
+// Each row is a script of arrivals and clock steps; after every step the
+// consumer takes all that is released, and the row checks that sequence and
+// the counters.
 //
 // Script tokens: "f3" frame 3, "c3" / "d3" / "s3" its classification, detection
 // and segmentation, "f1-50" a run of ids, "vX" the device record "X", an upper-case
