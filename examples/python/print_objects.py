@@ -53,6 +53,9 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--taggroups", default=RESULT_GROUPS, help="qxedgesrc taggroups (default: %(default)s)")
     parser.add_argument("--context-id", help="receive only this flow")
+    # Separate tag groups: frame-exact pairing gives each frame the results of its own frame id.
+    parser.add_argument("--pairing", default="frame-id", choices=("frame-id", "compatible"),
+                        help="qxedgesrc pairing (default: %(default)s)")
     parser.add_argument("--caps", default="video/x-raw,format=BGR,framerate=30/1", help="caps after the source")
     parser.add_argument("--count", type=int, default=0, help="stop after this many frames")
     parser.add_argument("--idle", type=float, default=0, help="stop when no frame came for this many seconds")
@@ -63,7 +66,8 @@ def main():
     # Ctrl-C working while it does.
     signal.signal(signal.SIGINT, signal.SIG_DFL)
     Gst.init(None)
-    source = f"qxedgesrc taggroups={args.taggroups}" + (f" context-id={args.context_id}" if args.context_id else "")
+    source = f"qxedgesrc pairing={args.pairing} taggroups={args.taggroups}" + (
+        f" context-id={args.context_id}" if args.context_id else "")
     pipeline = Gst.parse_launch(f"{source} ! {args.caps} ! fakesink name=sink")
     loop = GLib.MainLoop()
     seen = {"frames": 0, "last": time.monotonic()}
