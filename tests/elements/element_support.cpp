@@ -89,20 +89,16 @@ bool Subscriber::pull(Received &out, std::chrono::milliseconds timeout) {
     GstSample *sample =
         gst_app_sink_try_pull_sample(GST_APP_SINK(appsink_), static_cast<GstClockTime>(timeout.count()) * GST_MSECOND);
     if (sample == nullptr) return false;
-    GstBuffer *buffer = gst_sample_get_buffer(sample);
-    GstCaps *caps = gst_sample_get_caps(sample);
-    out = Received{};
-    if (gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw"))
-        out.bgr = toBgr(sample);
-    else
-        out.encoded = bytesOf(buffer);
-    if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer)) {
+    out = Received{std::shared_ptr<GstSample>(sample, gst_sample_unref)};
+    if (GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(gst_sample_get_buffer(sample))) {
         out.frames = meta->frames;
         out.devices = meta->devices;
     }
-    gst_sample_unref(sample);
     return true;
 }
+
+cv::Mat Received::bgr() const { return toBgr(sample.get()); }
+std::vector<unsigned char> Received::bytes() const { return bytesOf(gst_sample_get_buffer(sample.get())); }
 
 std::uint64_t Subscriber::stat(const char *name) const {
     GstStructure *stats = nullptr;
@@ -156,7 +152,8 @@ std::vector<Received> pull(Subscriber &subscriber, const std::string &stream, Un
     for (Received r; std::chrono::steady_clock::now() < deadline;) {
         if (subscriber.pull(r, 100ms)) {
             quietSince = std::chrono::steady_clock::now();
-            if (r.bgr.empty() && r.encoded.empty()) ADD_FAILURE() << "a buffer without a picture";
+            if (gst_buffer_get_size(gst_sample_get_buffer(r.sample.get())) == 0)
+                ADD_FAILURE() << "a buffer without a picture";
             if (r.frames.size() != 1) ADD_FAILURE() << "a buffer without a received frame";
             if (r.frames.size() != 1 || r.frames.front().stream_id != stream) continue;
             got.push_back(std::move(r));

@@ -29,12 +29,14 @@ using Pairs = std::vector<com::quorixtech::iot::IOT_NVP>;
 // Initialises GStreamer once for this binary with the build tree's plug-ins.
 void initGst();
 
-// One buffer as a subscriber received it.
+// One buffer as a subscriber received it. The picture is converted only when
+// a test asks for it: converting every buffer of six sources would starve them.
 struct Received {
-    cv::Mat bgr; // picture converted to B,G,R for comparison
+    std::shared_ptr<GstSample> sample;
     std::vector<VideoFrameData> frames;
     std::vector<DeviceInfoData> devices;
-    std::vector<unsigned char> encoded; // the buffer's bytes, for image/jpeg or image/png caps
+    cv::Mat bgr() const;                      // the picture as B,G,R, for raw caps
+    std::vector<unsigned char> bytes() const; // the buffer's bytes, for image/jpeg or image/png caps
     int id() const { return frames.size() == 1 ? frames.front().frame_id : -1; }
 };
 

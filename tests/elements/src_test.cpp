@@ -43,10 +43,11 @@ void expectPicture(const Received &r, const std::vector<cv::Mat> &reference, con
         if (format == "I420") cv::cvtColor(picture, picture, cv::COLOR_BGR2RGB);
         return picture;
     };
-    const double diff = meanAbsDiff(r.bgr, delivered(r.id()));
+    const cv::Mat picture = r.bgr();
+    const double diff = meanAbsDiff(picture, delivered(r.id()));
     EXPECT_LT(diff, tolerance) << format << " frame " << r.id();
     if (r.id() + 1 < static_cast<int>(reference.size()))
-        EXPECT_GT(meanAbsDiff(r.bgr, delivered(r.id() + 1)), diff) << "the neighbour's picture";
+        EXPECT_GT(meanAbsDiff(picture, delivered(r.id() + 1)), diff) << "the neighbour's picture";
 }
 
 // Separate tag groups: one publisher (600 frames at 30 fps, context id cam-a)
@@ -107,7 +108,10 @@ TEST(SrcDelivery, SeparateGroupsToEverySourceAtOnce) {
             ASSERT_FALSE(received.empty()) << "the restarted source delivers nothing";
             EXPECT_GT(received.front().id(), lastBeforeRestart) << "frames from before the restart came out again";
             EXPECT_EQ(received.back().id(), kFrames - 1);
-            EXPECT_EQ(matched, static_cast<long>(received.size())) << "frames without all their own results";
+            // Its readers match the publisher one by one again: the first frames may come before their results.
+            EXPECT_TRUE(std::all_of(received.begin() + std::min<std::size_t>(10, received.size()), received.end(),
+                                    [](auto &r) { return ownResults(r, "exact"); }))
+                << "frames without all their own results";
         } else if (k != compatible) {
             ASSERT_EQ(received.size(), static_cast<std::size_t>(kFrames));
             for (std::size_t i = 0; i < received.size(); ++i)
@@ -200,7 +204,7 @@ TEST(SrcDelivery, EncodedPicturesPassThroughByteForByte) {
         ASSERT_FALSE(received.empty());
         for (const Received &r : received) {
             EXPECT_TRUE(r.frames.front().is_compress);
-            EXPECT_TRUE(r.encoded == reference.at(r.id()))
+            EXPECT_TRUE(r.bytes() == reference.at(r.id()))
                 << "frame " << r.id() << " differs from the published picture";
         }
     }

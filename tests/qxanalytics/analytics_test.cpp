@@ -43,7 +43,10 @@ TEST(Analyze, AttachesResultsThatMatchThePicture) {
         {"smpte", "I420", 1, 320, 240, "distinct", "colourful", 60},  // more objects than are reported
         {"smpte75", "NV12", 1, 320, 240, "motion", "colourful", -1}}; // busy but still
     gst_debug_set_threshold_for_name("qxanalyze", GST_LEVEL_ERROR);
-    gst_debug_add_log_function(keepAnalyzeErrors, nullptr, nullptr);
+    struct KeepErrors { // taken out again at the end: left in GStreamer's list it would leak
+        KeepErrors() { gst_debug_add_log_function(keepAnalyzeErrors, nullptr, nullptr); }
+        ~KeepErrors() { gst_debug_remove_log_function(keepAnalyzeErrors); }
+    } keepErrors;
     const int frames = 60, maskWidth = 64;
     for (const Case &c : cases) {
         SCOPED_TRACE(std::string(c.pattern) + " " + c.format + " " + std::to_string(c.width) + " " + c.mode);

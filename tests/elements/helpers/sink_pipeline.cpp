@@ -82,15 +82,22 @@ int main(int argc, char **argv) {
     GstPad *pad = gst_element_get_static_pad(sink, "sink");
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, attachPlan, &plan, nullptr);
     gst_object_unref(pad);
-    if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) return 3;
+    // The pipeline is released on every way out: the sanitizer build reports what is not.
+    const auto end = [&](int status) {
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(sink);
+        gst_object_unref(pipeline);
+        return status;
+    };
+    if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) return end(3);
     if (!options["--retag"].empty()) g_object_set(sink, "taggroups", options["--retag"].c_str(), nullptr);
-    if (!open(pipeline, settleMs)) return 3;
+    if (!open(pipeline, settleMs)) return end(3);
     if (const int restartAfter = std::atoi(options["--restart-after"].c_str())) {
         // Stop and start again with frames flowing, as an application does.
         while (plan.count < restartAfter)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         gst_element_set_state(pipeline, GST_STATE_NULL);
-        if (!open(pipeline, settleMs)) return 3;
+        if (!open(pipeline, settleMs)) return end(3);
         std::printf("RESTARTED\n");
         std::fflush(stdout);
     }
@@ -106,8 +113,5 @@ int main(int argc, char **argv) {
     }
     if (message) gst_message_unref(message);
     gst_object_unref(bus);
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(sink);
-    gst_object_unref(pipeline);
-    return status;
+    return end(status);
 }
