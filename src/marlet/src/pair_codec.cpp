@@ -28,14 +28,21 @@ std::size_t leb128Size(std::uint64_t v) {
 
 std::size_t valueSize(const IOT_VALUE &value, std::size_t depth);
 
-std::size_t listSize(const std::vector<IOT_NVP> &pairs, std::size_t depth) {
+std::size_t listSize(const std::vector<IOT_NVP> &pairs, std::size_t depth, const Reserved *reserved = nullptr) {
     if (depth > kMaxDepth) throw MarletError("cannot encode pairs nested deeper than " + std::to_string(kMaxDepth));
     std::size_t n = leb128Size(pairs.size());
-    for (const IOT_NVP &p : pairs) {
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        const IOT_NVP &p = pairs[i];
         n += leb128Size(p.name().size()) + p.name().size() + 1;
-        n += valueSize(p.value(), depth);
+        n += reserved && reserved->pair == i ? leb128Size(reserved->size) + reserved->size : valueSize(p.value(), depth);
     }
     return n;
+}
+
+void checkReserved(const std::vector<IOT_NVP> &pairs, const Reserved &reserved) {
+    if (reserved.pair >= pairs.size() || pairs[reserved.pair].value().kind() != IotKind::iotv_byte_seq ||
+        !pairs[reserved.pair].value().iotv_byte_seq().empty())
+        throw MarletError("reserved bytes must stand for an empty byte sequence of a top-level pair");
 }
 
 std::size_t valueSize(const IOT_VALUE &value, std::size_t depth) {
@@ -101,6 +108,25 @@ class Writer {
             bytes(p.name().data(), p.name().size());
             value(p.value());
         }
+    }
+
+    // The top level, leaving one byte sequence's bytes to their producer.
+    std::uint8_t *list(const std::vector<IOT_NVP> &pairs, const Reserved &reserved) {
+        std::uint8_t *at = nullptr;
+        leb128(pairs.size());
+        for (std::size_t i = 0; i < pairs.size(); ++i) {
+            bytes(pairs[i].name().data(), pairs[i].name().size());
+            if (i != reserved.pair) {
+                value(pairs[i].value());
+                continue;
+            }
+            byte(static_cast<std::uint8_t>(IotKind::iotv_byte_seq));
+            leb128(reserved.size);
+            need(reserved.size);
+            at = p_;
+            p_ += reserved.size;
+        }
+        return at;
     }
 
     void value(const IOT_VALUE &v) {
@@ -287,6 +313,22 @@ void encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_
     w.byte(kVersion);
     w.list(pairs);
     if (!w.full()) throw MarletError("encode buffer larger than the encoding");
+}
+
+std::size_t encodedSize(const std::vector<IOT_NVP> &pairs, const Reserved &reserved) {
+    checkReserved(pairs, reserved);
+    return 2 + listSize(pairs, 0, &reserved);
+}
+
+std::uint8_t *encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_t size,
+                         const Reserved &reserved) {
+    checkReserved(pairs, reserved);
+    Writer w(out, size);
+    w.byte(kMagic);
+    w.byte(kVersion);
+    std::uint8_t *at = w.list(pairs, reserved);
+    if (!w.full()) throw MarletError("encode buffer larger than the encoding");
+    return at;
 }
 
 std::vector<std::uint8_t> encode(const std::vector<IOT_NVP> &pairs) {

@@ -116,6 +116,14 @@ dds_entity_t ParticipantState::topic(const std::string &topicName) {
     return t;
 }
 
+WriterTopic ParticipantState::writerTopic(const std::string &topicName) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (auto it = writerTopics.find(topicName); it != writerTopics.end()) return it->second;
+    const WriterTopic t = createWriterTopic(participant.get(), ddsTopicName(topicName));
+    writerTopics.emplace(topicName, t);
+    return t;
+}
+
 std::int64_t nowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();

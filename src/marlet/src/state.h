@@ -17,6 +17,7 @@
 #include "BusSample.h"
 #include "dds_entity.h"
 #include "marlet/marlet.h"
+#include "sample_serdata.h"
 #include "writer_watch.h"
 
 struct ddsi_serdata;
@@ -40,6 +41,7 @@ struct ParticipantState {
     std::vector<TagGroupDefinition> tagGroups;
     std::vector<ThingClassDefinition> thingClasses;
     std::map<std::string, dds_entity_t> topics; // owned by the participant entity
+    std::map<std::string, WriterTopic> writerTopics; // the same topics, for writers
     GoneReports goneReports;                    // publishers this process has reported gone
 
     // Latest registration wins, so later files can redefine a qualified name.
@@ -47,15 +49,22 @@ struct ParticipantState {
     std::optional<TagGroupDefinition> tagGroupByName(const std::string &name);
     std::optional<ThingClassDefinition> thingClass(const std::string &qualified);
     dds_entity_t topic(const std::string &topicName);
+    WriterTopic writerTopic(const std::string &topicName);
 };
 
-// One output of a thing: its writer and the buffer every sample is encoded into.
+// One output of a thing: its writer and the memory its samples are encoded into.
 struct WriterSlot {
-    std::mutex mutex; // one write at a time per output; the buffer is reused
+    WriterSlot() : buffers(SampleBuffers::create()) {}
+    ~WriterSlot() { buffers->release(); }
+    WriterSlot(const WriterSlot &) = delete;
+    WriterSlot &operator=(const WriterSlot &) = delete;
+
+    std::mutex mutex; // one write at a time per output
     TagGroupDefinition tagGroup;
     std::string qualifiedName;
     dds_entity_t writer = 0; // child of the thing's publisher
-    std::vector<std::uint8_t> buffer;
+    const ddsi_sertype *sampleType = nullptr;
+    SampleBuffers *buffers; // shared with the samples DDS still holds
     std::uint64_t sequence = 0;
     std::uint64_t dropped = 0; // writes given up on a reader that did not keep up
 };

@@ -55,11 +55,12 @@ std::shared_ptr<detail::WriterSlot> writerFor(detail::ThingState &thing, const s
     auto slot = std::make_shared<detail::WriterSlot>();
     slot->tagGroup = *group;
     slot->qualifiedName = group->qualifiedName();
-    const dds_entity_t topic = thing.participant->topic(group->topic);
+    const detail::WriterTopic topic = thing.participant->writerTopic(group->topic);
     detail::Qos qos;
     detail::fillWriterQos(qos, thing.userData(), group->qos);
-    slot->writer = detail::check(dds_create_writer(thing.publisher.get(), topic, qos.get(), nullptr),
+    slot->writer = detail::check(dds_create_writer(thing.publisher.get(), topic.topic, qos.get(), nullptr),
                                  ("dds_create_writer(" + group->topic + ")").c_str());
+    slot->sampleType = topic.type;
     thing.writers.emplace(output, slot);
     return slot;
 }
@@ -125,44 +126,47 @@ void reportDroppedWrite(const detail::WriterSlot &slot) {
                   << " is not keeping up; write timed out and the sample was dropped (" << slot.dropped << " so far)"
                   << std::endl;
 }
-} // namespace
 
-void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs) {
-    if (!state_) throw MarletError("write on an empty Thing handle");
-    std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
-
-    std::lock_guard<std::mutex> lock(slot->mutex);
-    const std::size_t size = codec::encodedSize(pairs);
-    if (size > UINT32_MAX) throw MarletError("sample of " + std::to_string(size) + " bytes is too large for the bus");
-    // The buffer keeps its capacity between frames: steady-state writes of
-    // same-sized frames do not allocate.
-    slot->buffer.resize(size);
-    codec::encodeInto(pairs, slot->buffer.data(), size);
-
-    marlet_wire_BusSample sample{};
-    // DDS only reads these during dds_write; nothing is copied beforehand.
-    sample.sourceId = const_cast<char *>(state_->id.c_str());
-    sample.flowId = const_cast<char *>(state_->contextId.c_str());
-    sample.sessionId = const_cast<char *>(state_->session.c_str());
-    sample.tagGroup = const_cast<char *>(slot->qualifiedName.c_str());
-    sample.sequenceNumber = ++slot->sequence;
-    sample.sourceTime = detail::nowNs();
-    sample.payload._buffer = slot->buffer.data();
-    sample.payload._length = static_cast<std::uint32_t>(size);
-    sample.payload._maximum = static_cast<std::uint32_t>(size);
-    sample.payload._release = false;
+// Encodes a sample straight into the memory DDS sends it from and hands it
+// over. encode writes exactly size payload bytes; a sample it fails to build
+// is never sent and takes no sequence number.
+void writeEncoded(const detail::ThingState &thing, detail::WriterSlot &slot, std::size_t size,
+                  const std::function<void(std::uint8_t *)> &encode) {
+    std::lock_guard<std::mutex> lock(slot.mutex);
+    detail::OutgoingSample sample(
+        slot.sampleType, *slot.buffers,
+        {thing.id, thing.contextId, thing.session, slot.qualifiedName, slot.sequence + 1, detail::nowNs()}, size);
+    encode(sample.payload());
+    ++slot.sequence;
     // The call name is built only on failure: this path runs for every frame.
-    const dds_return_t rc = dds_write(slot->writer, &sample);
+    const dds_return_t rc = sample.write(slot.writer);
     if (rc == DDS_RETCODE_TIMEOUT) {
         // A reader stopped acknowledging (stalled, or died and its lease has
         // not run out yet). Giving up on this one sample keeps the publishing
         // pipeline alive; failing the write would take the camera down with
         // the slowest consumer.
-        ++slot->dropped;
-        reportDroppedWrite(*slot);
+        ++slot.dropped;
+        reportDroppedWrite(slot);
         return;
     }
-    if (rc < 0) throw DdsError("dds_write(" + slot->tagGroup.topic + ")", rc);
+    if (rc < 0) throw DdsError("dds_writecdr(" + slot.tagGroup.topic + ")", rc);
+}
+} // namespace
+
+void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs) {
+    if (!state_) throw MarletError("write on an empty Thing handle");
+    std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
+    const std::size_t size = codec::encodedSize(pairs);
+    writeEncoded(*state_, *slot, size, [&](std::uint8_t *out) { codec::encodeInto(pairs, out, size); });
+}
+
+void Thing::writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs, const InPlaceBytes &inPlace) {
+    if (!state_) throw MarletError("write on an empty Thing handle");
+    std::shared_ptr<detail::WriterSlot> slot = writerFor(*state_, output);
+    const codec::Reserved reserved{inPlace.pair, inPlace.size};
+    const std::size_t size = codec::encodedSize(pairs, reserved);
+    writeEncoded(*state_, *slot, size,
+                 [&](std::uint8_t *out) { inPlace.fill(codec::encodeInto(pairs, out, size, reserved)); });
 }
 
 std::uint64_t Thing::droppedWrites() const {

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -260,6 +261,17 @@ class MARLET_API Thing : public DiscoveredThing {
     // not acknowledge drops the sample (counted, reported on stderr) instead
     // of failing.
     void writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs);
+    // The same, with the byte sequence of one top-level pair (left empty in
+    // pairs) written by fill straight into the memory the sample is sent
+    // from, so that a picture is produced where it travels from instead of
+    // being copied there. fill gets exactly size bytes; what it throws
+    // propagates and nothing is written.
+    struct InPlaceBytes {
+        std::size_t pair;
+        std::size_t size;
+        std::function<void(std::uint8_t *)> fill;
+    };
+    void writePairs(const std::string &output, const std::vector<IOT_NVP> &pairs, const InPlaceBytes &inPlace);
     // Samples dropped so far because a reader did not keep up.
     std::uint64_t droppedWrites() const;
 

@@ -26,6 +26,18 @@ MARLET_API std::size_t encodedSize(const std::vector<IOT_NVP> &pairs);
 // straight into memory that is handed to the bus.
 MARLET_API void encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_t size);
 
+// A byte sequence left for its producer to write in place: the value of the
+// top-level pair at index pair (an empty byte sequence in the tree) is
+// encoded as size bytes that encodeInto leaves unwritten and points to.
+struct Reserved {
+    std::size_t pair;
+    std::size_t size;
+};
+MARLET_API std::size_t encodedSize(const std::vector<IOT_NVP> &pairs, const Reserved &reserved);
+// Returns where the reserved bytes go.
+MARLET_API std::uint8_t *encodeInto(const std::vector<IOT_NVP> &pairs, std::uint8_t *out, std::size_t size,
+                                    const Reserved &reserved);
+
 // Convenience for tests and tools: size, allocate, encode.
 MARLET_API std::vector<std::uint8_t> encode(const std::vector<IOT_NVP> &pairs);
 
