@@ -33,6 +33,13 @@ struct QxEdgeSinkPrivate {
     TOLVIXO::Information<TOLVIXO::DetectionBoxData> detection;
     TOLVIXO::SegmentInfo segment;
     TOLVIXO::UniInfo uniInfo;
+
+    // While a frame is published: the mapped frame whose picture goes into
+    // the video record. The picture is converted at publishing, straight into
+    // the bus sample, instead of into frameInfo.data and then copied.
+    const GstVideoFrame *pendingPicture = nullptr;
+    // Bytes of that picture: what frameInfo.data would hold.
+    std::size_t pictureBytes = 0;
 };
 
 struct _QxEdgeSink {

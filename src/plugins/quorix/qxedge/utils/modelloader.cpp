@@ -188,14 +188,19 @@ void Edge::reopen() {
     stopRequested.store(false);
 }
 
+Edge::Thing &Edge::writerOf(const std::string &tagGroupName) {
+    std::lock_guard<std::mutex> lock(thingsMutex);
+    auto it = things.find(tagGroupName);
+    return it != things.end() ? it->second : thing; // map nodes stay put while others are added
+}
+
 void Edge::writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data) {
-    Thing *target = &thing;
-    {
-        std::lock_guard<std::mutex> lock(thingsMutex);
-        auto it = things.find(tagGroupName);
-        if (it != things.end()) target = &it->second; // map nodes stay put while others are added
-    }
-    target->write<std::vector<IOT_NVP>>(tagGroupName, data);
+    writerOf(tagGroupName).write<std::vector<IOT_NVP>>(tagGroupName, data);
+}
+
+void Edge::writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data,
+                       const Thing::InPlaceBytes &inPlace) {
+    writerOf(tagGroupName).writePairs(tagGroupName, data, inPlace);
 }
 
 Edge::Thing::Selector Edge::selectInput(const std::string &input) {

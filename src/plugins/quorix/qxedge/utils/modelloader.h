@@ -51,6 +51,9 @@ struct Edge {
     void AddThing(const std::string &name, const std::string &propertiesFile, const std::string &thingClassFile,
                   const std::vector<std::string> &tagGroupFiles);
     void writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data);
+    // The same, with one byte sequence written in place (see Thing::InPlaceBytes).
+    void writeSample(const std::string &tagGroupName, const std::vector<IOT_NVP> &data,
+                     const Thing::InPlaceBytes &inPlace);
     bool deinit();
     // Opens again what deinit closed (participant, main thing, added things)
     // from the same files, so that an element can restart on this session.
@@ -64,6 +67,9 @@ struct Edge {
     void requireMainPort(const std::string &name, bool output);
     // Says on standard error why a session cannot open, and throws that as ConfigError.
     [[noreturn]] static void failOpen(const std::string &problem);
+
+    // The thing that writes the named tag group: the one added for it, else the main thing.
+    Thing &writerOf(const std::string &tagGroupName);
 
     // Reader thread bodies; see read() for the loop.
     template <typename Receiver, typename R> void run_read(Receiver *receiver, const std::string &input);

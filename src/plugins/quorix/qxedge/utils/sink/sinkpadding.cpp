@@ -27,12 +27,17 @@ const char *const kPixelFormatRgb8 = "com.vision.models.PIXEL_FORMAT_RGB8";
 
 // Bounds-checked stores: a picture that does not fit the record must fail
 // the frame, never write past the buffer.
-void storeRow(std::vector<unsigned char> &data, std::size_t at, const unsigned char *row, std::size_t length) {
-    if (at > data.size() || length > data.size() - at) {
-        throw std::out_of_range("picture row at " + std::to_string(at) + " does not fit " +
-                                std::to_string(data.size()) + " bytes");
+struct Picture {
+    unsigned char *bytes;
+    std::size_t size;
+};
+
+void storeRow(Picture data, std::size_t at, const unsigned char *row, std::size_t length) {
+    if (at > data.size || length > data.size - at) {
+        throw std::out_of_range("picture row at " + std::to_string(at) + " does not fit " + std::to_string(data.size) +
+                                " bytes");
     }
-    std::memcpy(data.data() + at, row, length);
+    std::memcpy(data.bytes + at, row, length);
 }
 
 std::vector<unsigned char> &pictureOf(QxEdgeSinkPrivate *priv, int toUni) {
@@ -45,14 +50,16 @@ std::vector<unsigned char> &pictureOf(QxEdgeSinkPrivate *priv, int toUni) {
 // The record's bytes as a height x width B,G,R image, for the conversion to
 // write into directly; a record too short for it fails the frame as a
 // bounds-checked store would.
-cv::Mat pictureIn(std::vector<unsigned char> &data, int width, int height) {
+cv::Mat pictureIn(Picture data, int width, int height) {
     const std::size_t needed = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
-    if (needed > data.size()) {
+    if (needed > data.size) {
         throw std::out_of_range("picture of " + std::to_string(needed) + " bytes does not fit " +
-                                std::to_string(data.size()) + " bytes");
+                                std::to_string(data.size) + " bytes");
     }
-    return cv::Mat(height, width, CV_8UC3, data.data());
+    return cv::Mat(height, width, CV_8UC3, data.bytes);
 }
+
+void convertPicture(QxEdgeSink *sink, const GstVideoFrame &frame, Picture data, int writeDebugImage);
 
 template <typename VideoRecord>
 void fillPicture(QxEdgeSink *sink, const GstVideoFrame &frame, GstBuffer *buffer, VideoRecord &target, int toUni) {
@@ -64,11 +71,21 @@ void fillPicture(QxEdgeSink *sink, const GstVideoFrame &frame, GstBuffer *buffer
         if (target.compression == kCompressionNone) {
             const std::size_t needed =
                 static_cast<std::size_t>(priv->width) * static_cast<std::size_t>(priv->height) * channels;
-            if (needed != target.data.size()) {
+            const std::size_t held = toUni == 0 ? priv->pictureBytes : target.data.size();
+            if (needed != held) {
                 target.width = static_cast<std::uint32_t>(priv->width);
                 target.height = static_cast<std::uint32_t>(priv->height);
-                target.data.resize(needed);
             }
+            if (toUni == 0) {
+                // Converted at publishing, into the sample itself.
+                priv->frameInfo.format = kPixelFormatRgb8;
+                std::vector<unsigned char>().swap(target.data);
+                priv->pictureBytes = needed;
+                priv->pendingPicture = &frame;
+                target.size = static_cast<std::uint32_t>(needed);
+                return;
+            }
+            target.data.resize(needed);
             paddingImageData(sink, frame, toUni, 0);
         } else {
             g_message("edgesink->compressionKind used other encoder, need to implement.");
@@ -111,6 +128,20 @@ void writeFrame(Edge &session, const std::string &name, TOLVIXO::FrameInfo &fram
     session.writeSample(name, pairs);
 }
 
+// Writes the frame record with its picture converted from the mapped frame
+// straight into the bus sample.
+void writeFrameConverting(QxEdgeSink *sink, Edge &session, const std::string &name, TOLVIXO::FrameInfo &frame) {
+    QxEdgeSinkPrivate *priv = sink->priv;
+    const TOLVIXO::NvpList pairs = frame.Encode();
+    auto data = std::find_if(pairs.begin(), pairs.end(), [](const auto &pair) { return pair.name() == "data"; });
+    const GstVideoFrame &picture = *priv->pendingPicture;
+    const std::size_t size = priv->pictureBytes;
+    session.writeSample(name, pairs,
+                        {static_cast<std::size_t>(data - pairs.begin()), size, [&](std::uint8_t *out) {
+                             convertPicture(sink, picture, Picture{out, size}, 0);
+                         }});
+}
+
 bool debugDumpsWanted() { return gst_debug_category_get_threshold(GST_CAT_DEFAULT) >= GST_LEVEL_DEBUG; }
 
 } // namespace
@@ -118,6 +149,10 @@ bool debugDumpsWanted() { return gst_debug_category_get_threshold(GST_CAT_DEFAUL
 void paddingData(QxEdgeSink *sink, GstVideoFrame frame, GstBuffer *buffer) {
     GstQxBatchMeta *meta = gst_buffer_get_qx_batch_meta(buffer);
     QxEdgeSinkPrivate *priv = sink->priv;
+    struct ForgetFrame {
+        QxEdgeSinkPrivate *priv;
+        ~ForgetFrame() { priv->pendingPicture = nullptr; }
+    } forgetFrame{priv};
     if (priv->taggroups.empty()) {
         publishData(sink);
         return;
@@ -169,10 +204,17 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
     // Always on frameInfo, also for the combined record: that is where peers
     // have always found the token.
     priv->frameInfo.format = kPixelFormatRgb8;
+    std::vector<unsigned char> &data = pictureOf(priv, toUni);
+    convertPicture(sink, frame, Picture{data.data(), data.size()}, writeDebugImage);
+}
+
+namespace {
+
+void convertPicture(QxEdgeSink *sink, const GstVideoFrame &frame, Picture data, int writeDebugImage) {
+    QxEdgeSinkPrivate *priv = sink->priv;
     const int width = priv->width;
     const int height = priv->height;
     const GstVideoInfo *info = &sink->info;
-    std::vector<unsigned char> &data = pictureOf(priv, toUni);
     auto plane = [&frame](int i) { return static_cast<const unsigned char *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, i)); };
 
     cv::Mat converted;
@@ -231,8 +273,7 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
         debugFile = "./BGR.bmp";
         if (writeDebugImage != 0) {
             converted = cv::Mat(height, width, CV_8UC3);
-            std::memcpy(converted.data, priv->frameInfo.data.data(),
-                        std::min(priv->frameInfo.data.size(), converted.total() * converted.elemSize()));
+            std::memcpy(converted.data, data.bytes, std::min(data.size, converted.total() * converted.elemSize()));
         }
         break;
     }
@@ -244,12 +285,18 @@ void paddingImageData(QxEdgeSink *sink, GstVideoFrame frame, int toUni, int writ
     }
 }
 
+} // namespace
+
 void publishData(QxEdgeSink *sink) {
     QxEdgeSinkPrivate *priv = sink->priv;
     for (const std::string &name : priv->taggroups) {
         switch (hash_(name.c_str())) {
         case hash_("VideoFrameData"):
-            writeFrame(sessionOf(priv), name, priv->frameInfo);
+            if (priv->pendingPicture != nullptr) {
+                writeFrameConverting(sink, sessionOf(priv), name, priv->frameInfo);
+            } else {
+                writeFrame(sessionOf(priv), name, priv->frameInfo);
+            }
             if (debugDumpsWanted()) GST_DEBUG_OBJECT(sink, "\n%s", priv->frameInfo.GetString().c_str());
             GST_INFO_OBJECT(sink, "VideoFrameData has wrote to marlet.");
             break;
