@@ -149,4 +149,34 @@ TEST(WireView, ReadsEveryFormAPeerMaySendAndRejectsBrokenBytesNamingTheFault) {
         EXPECT_THAT([&] { parseWireSample(bytes.data(), bytes.size()); }, ThrowsMessage<DecodeError>(StrEq(message)));
 }
 
+// What this library's writers send: the peer form 1 byte for byte (padded to
+// a multiple of 4, the padding counted in the header), whatever the lengths
+// that move the 8-byte fields' alignment and the padding.
+TEST(WireView, WrittenSamplesAreTheFormPeersReadForEveryAlignment) {
+    const std::string flow, session = "session-1", group = "ns:Group";
+    for (std::size_t idLength = 0; idLength < 8; ++idLength) {
+        for (std::size_t payloadSize = 0; payloadSize < 4; ++payloadSize) {
+            SCOPED_TRACE(testing::Message() << "id of " << idLength << ", payload of " << payloadSize);
+            const std::string id = idLength == 7 ? "thing-1" : std::string(idLength, 'i');
+            const marlet::detail::WireHeader header{id, flow, session, group, 0x0102030405060708ull, -5};
+            Bytes bytes(marlet::detail::wireSampleSize(header, payloadSize), 0xEE);
+            std::uint8_t *payload = marlet::detail::writeWireSample(header, payloadSize, bytes.data());
+            for (std::size_t i = 0; i < payloadSize; ++i)
+                payload[i] = static_cast<std::uint8_t>(i + 1);
+            ASSERT_EQ(bytes.size() % 4, 0u);
+            const std::size_t padding = bytes[3];
+            const auto v = parseWireSample(bytes.data(), bytes.size());
+            EXPECT_EQ(v.sourceId + "|" + v.flowId + "|" + v.sessionId + "|" + v.tagGroup, id + "||session-1|ns:Group");
+            EXPECT_EQ(v.sequenceNumber, 0x0102030405060708ull);
+            EXPECT_EQ(v.sourceTime, -5);
+            EXPECT_EQ(v.payload, payload);
+            EXPECT_EQ(v.payloadSize + padding, static_cast<std::size_t>(bytes.data() + bytes.size() - payload));
+            if (idLength == 7) { // serialize()'s strings: its form byte for byte, but for the padding
+                const Bytes peer = serialize(1, Bytes(payload, payload + payloadSize));
+                EXPECT_EQ(Bytes(bytes.begin() + 4, bytes.end() - padding), Bytes(peer.begin() + 4, peer.end()));
+            }
+        }
+    }
+}
+
 } // namespace

@@ -226,85 +226,18 @@ const ddsi_sertype_ops &sertypeOps() {
     return ops;
 }
 
-// ---- CDR ---------------------------------------------------------------------
-
-// The generated type is final and its writers send XCDR1, little endian: a
-// 4-byte encapsulation header, then every field aligned to its own size
-// (counted from the end of the header).
-constexpr std::uint8_t kCdrLe[2] = {0x00, 0x01};
-
-std::size_t align(std::size_t at, std::size_t to) { return (at + to - 1) / to * to; }
-
-std::size_t stringSize(std::size_t at, const std::string &s) { return align(at, 4) + 4 + s.size() + 1; }
-
-class CdrWriter {
-  public:
-    explicit CdrWriter(std::uint8_t *body) : body_(body) {}
-    void string(const std::string &s) {
-        u32(static_cast<std::uint32_t>(s.size() + 1));
-        std::memcpy(body_ + at_, s.c_str(), s.size() + 1);
-        at_ += s.size() + 1;
-    }
-    void u32(std::uint32_t v) {
-        pad(4);
-        for (int i = 0; i < 4; ++i)
-            body_[at_++] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-    void u64(std::uint64_t v) {
-        pad(8);
-        for (int i = 0; i < 8; ++i)
-            body_[at_++] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-    std::size_t at() const { return at_; }
-
-  private:
-    void pad(std::size_t to) {
-        while (at_ % to != 0)
-            body_[at_++] = 0;
-    }
-    std::uint8_t *body_;
-    std::size_t at_ = 0;
-};
-
 } // namespace
 
-OutgoingSample::OutgoingSample(const ddsi_sertype *type, SampleBuffers &buffers, const SampleHeader &header,
+OutgoingSample::OutgoingSample(const ddsi_sertype *type, SampleBuffers &buffers, const WireHeader &header,
                                std::size_t payloadSize) {
-    std::size_t body = 0;
-    for (const std::string *s : {&header.sourceId, &header.flowId, &header.sessionId, &header.tagGroup})
-        body = stringSize(body, *s);
-    body = align(body, 8) + 16;
-    body = align(body, 4) + 4;
-    const std::size_t payloadAt = body;
-    body += payloadSize;
-    // The serialized size is a multiple of 4; the header's last two bits say
-    // how many bytes at the end are padding.
-    const std::size_t padding = (4 - body % 4) % 4;
-    const std::size_t total = 4 + body + padding;
-    if (total > UINT32_MAX) throw MarletError("sample of " + std::to_string(total) + " bytes is too large for the bus");
-
+    const std::size_t size = wireSampleSize(header, payloadSize);
+    if (size > UINT32_MAX) throw MarletError("sample of " + std::to_string(size) + " bytes is too large for the bus");
     sample_ = newSample(type, SDK_DATA);
     sample_->buffers = &buffers;
     buffers.retain();
-    sample_->buffer = buffers.take(total);
-    sample_->size = static_cast<std::uint32_t>(total);
-
-    std::uint8_t *bytes = sample_->buffer.bytes;
-    bytes[0] = kCdrLe[0];
-    bytes[1] = kCdrLe[1];
-    bytes[2] = 0;
-    bytes[3] = static_cast<std::uint8_t>(padding);
-    CdrWriter w(bytes + 4);
-    w.string(header.sourceId);
-    w.string(header.flowId);
-    w.string(header.sessionId);
-    w.string(header.tagGroup);
-    w.u64(header.sequenceNumber);
-    w.u64(static_cast<std::uint64_t>(header.sourceTime));
-    w.u32(static_cast<std::uint32_t>(payloadSize));
-    payload_ = bytes + 4 + w.at();
-    std::memset(payload_ + payloadSize, 0, padding);
-    (void)payloadAt;
+    sample_->buffer = buffers.take(size);
+    sample_->size = static_cast<std::uint32_t>(size);
+    payload_ = writeWireSample(header, payloadSize, sample_->buffer.bytes);
 }
 
 OutgoingSample::~OutgoingSample() {

@@ -19,6 +19,8 @@
 
 #include <dds/dds.h>
 
+#include "wire_view.h"
+
 struct ddsi_sertype;
 
 namespace com::quorixtech::marlet::detail {
@@ -50,22 +52,12 @@ class SampleBuffers {
     std::size_t refs_ = 1;
 };
 
-// The header fields of a bus sample: everything but the payload.
-struct SampleHeader {
-    const std::string &sourceId;
-    const std::string &flowId;
-    const std::string &sessionId;
-    const std::string &tagGroup;
-    std::uint64_t sequenceNumber;
-    std::int64_t sourceTime;
-};
-
 // One sample being built: the header is serialized at construction, the
 // caller writes payloadSize bytes at payload(), then write() hands the whole
 // to a writer of a topic made by createWriterTopic.
 class OutgoingSample {
   public:
-    OutgoingSample(const ddsi_sertype *type, SampleBuffers &buffers, const SampleHeader &header,
+    OutgoingSample(const ddsi_sertype *type, SampleBuffers &buffers, const WireHeader &header,
                    std::size_t payloadSize);
     ~OutgoingSample();
     OutgoingSample(const OutgoingSample &) = delete;

@@ -1,5 +1,7 @@
 #include "wire_view.h"
 
+#include <cstring>
+
 #include "marlet/marlet.h"
 
 namespace com::quorixtech::marlet::detail {
@@ -101,6 +103,69 @@ WireView parseWireSample(const std::uint8_t *data, std::size_t size) {
     v.sourceTime = static_cast<std::int64_t>(r.u64());
     v.payload = r.octets(v.payloadSize);
     return v;
+}
+
+namespace {
+
+// Version 1 aligns every field to its own size, counted from the end of the
+// 4-byte encapsulation header.
+std::size_t alignUp(std::size_t at, std::size_t to) { return (at + to - 1) / to * to; }
+
+std::size_t headerBytes(const WireHeader &h) {
+    std::size_t at = 0;
+    for (const std::string *s : {&h.sourceId, &h.flowId, &h.sessionId, &h.tagGroup})
+        at = alignUp(at, 4) + 4 + s->size() + 1;
+    return alignUp(alignUp(at, 8) + 16, 4) + 4;
+}
+
+class CdrWriter {
+  public:
+    explicit CdrWriter(std::uint8_t *body) : body_(body) {}
+    void string(const std::string &s) {
+        u32(static_cast<std::uint32_t>(s.size() + 1));
+        std::memcpy(body_ + at_, s.c_str(), s.size() + 1);
+        at_ += s.size() + 1;
+    }
+    void u32(std::uint32_t v) { integer(v, 4); }
+    void u64(std::uint64_t v) { integer(v, 8); }
+    std::uint8_t *end() const { return body_ + at_; }
+
+  private:
+    void integer(std::uint64_t v, std::size_t width) {
+        while (at_ % width != 0)
+            body_[at_++] = 0;
+        for (std::size_t i = 0; i < width; ++i)
+            body_[at_++] = static_cast<std::uint8_t>(v >> (8 * i));
+    }
+    std::uint8_t *body_;
+    std::size_t at_ = 0;
+};
+
+} // namespace
+
+std::size_t wireSampleSize(const WireHeader &header, std::size_t payloadSize) {
+    return 4 + alignUp(headerBytes(header) + payloadSize, 4);
+}
+
+std::uint8_t *writeWireSample(const WireHeader &header, std::size_t payloadSize, std::uint8_t *out) {
+    const std::size_t body = headerBytes(header) + payloadSize;
+    const std::size_t padding = alignUp(body, 4) - body;
+    // Encapsulation 1 (version 1, little endian); the options' last two bits
+    // say how many bytes at the end are padding.
+    out[0] = 0x00;
+    out[1] = static_cast<std::uint8_t>(kCdrLe);
+    out[2] = 0;
+    out[3] = static_cast<std::uint8_t>(padding);
+    CdrWriter w(out + 4);
+    w.string(header.sourceId);
+    w.string(header.flowId);
+    w.string(header.sessionId);
+    w.string(header.tagGroup);
+    w.u64(header.sequenceNumber);
+    w.u64(static_cast<std::uint64_t>(header.sourceTime));
+    w.u32(static_cast<std::uint32_t>(payloadSize));
+    std::memset(w.end() + payloadSize, 0, padding);
+    return w.end();
 }
 
 } // namespace com::quorixtech::marlet::detail
