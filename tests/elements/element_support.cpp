@@ -142,7 +142,9 @@ std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &r
                                                      const std::string &debug) {
     std::string launch = run.source() + " ! qxedgesink name=sink taggroups=" + run.taggroups;
     if (!run.contextId.empty()) launch += " context-id=" + run.contextId;
-    return startPipeline(root, launch, {"--src-meta", run.stream, "--settle-ms", "1000"}, debug);
+    return startPipeline(root, launch,
+                         {"--src-meta", run.stream, "--settle-ms", "1000", "--await-readers", std::to_string(run.readers)},
+                         debug);
 }
 
 std::vector<Received> pull(Subscriber &subscriber, const std::string &stream, Until until) {

@@ -77,7 +77,7 @@ std::unique_ptr<qxtest::ChildProcess> startLaunch(const qxtest::ConfigRoot &root
 // One publishing run: videotestsrc (smpte, moving) ! caps [! encoder] !
 // qxedgesink, with the metadata of src_expected.h on every frame (frame ids
 // from 0). It waits a second in READY so that subscribers started before it
-// match its writers.
+// match its writers, and then until it knows `readers` readers of the frames.
 struct PublisherRun {
     std::string format;
     int frames;
@@ -87,6 +87,7 @@ struct PublisherRun {
     std::string encoder; // e.g. "jpegenc": publishes encoded pictures
     int width = 320;
     int height = 240;
+    std::size_t readers = 0;
     std::string source() const; // the part before qxedgesink
 };
 std::unique_ptr<qxtest::ChildProcess> startPublisher(const qxtest::ConfigRoot &root, const PublisherRun &run,

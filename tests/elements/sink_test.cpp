@@ -132,7 +132,8 @@ TEST(SinkElement, RestartWithFramesFlowingPublishesAgain) {
         startPipeline(root,
                       "videotestsrc is-live=true num-buffers=30 ! video/x-raw,width=64,height=48,framerate="
                       "30/1 ! qxedgesink name=sink taggroups=VideoFrameData+ClassificationData",
-                      {"--src-meta", "restart", "--settle-ms", "1000", "--restart-after", "10"}, "qxedgesink:4");
+                      {"--src-meta", "restart", "--settle-ms", "1000", "--await-readers", "1", "--restart-after", "10"},
+                      "qxedgesink:4");
     const auto received = reader.collect(*child, 40);
     ASSERT_EQ(child->wait(90s), 0) << child->out() << child->err();
     EXPECT_NE(child->out().find("RESTARTED"), std::string::npos);

@@ -62,7 +62,8 @@ TEST(SrcDelivery, SeparateGroupsToEverySourceAtOnce) {
     constexpr int kFrames = 600;
     qxtest::ConfigRoot root;
     root.enter();
-    const PublisherRun run{"BGR", kFrames, "exact", srcexpect::kAllGroupsWithVideo, "cam-a"};
+    PublisherRun run{"BGR", kFrames, "exact", srcexpect::kAllGroupsWithVideo, "cam-a"};
+    run.readers = 6; // every frame counts: the five sources and the one of another context
     const auto reference = referenceFrames(run.source());
     const std::string exact = std::string("pairing=frame-id taggroups=") + kResultGroups;
     const std::vector<std::pair<std::string, std::string>> sources = {

@@ -1,22 +1,30 @@
 // Runs one publishing pipeline for the element tests, in its own process as
 // users run it. Usage:
 //   sink_pipeline "<launch line with a qxedgesink named sink>" [--meta | --src-meta STREAM] [--retag NAMES]
-//                 [--settle-ms N] [--restart-after N]
+//                 [--settle-ms N] [--await-readers N] [--restart-after N]
 // --meta attaches the sink checks' batch metadata of src_expected.h to every
 // frame on its way into the sink; --src-meta its frames and device, under
 // stream id STREAM, numbering frames from 0; --retag sets taggroups after the
 // session is open; --settle-ms waits N ms in READY (and again after a
-// restart); --restart-after N takes the pipeline to NULL and back to PLAYING
-// once N frames reached the sink.
+// restart); --await-readers N then waits (up to 30 s) until this process
+// knows N readers of the video frames, so that a test which counts every frame
+// does not lose the first ones to discovery that is slow under load;
+// --restart-after N takes the pipeline to NULL and back to PLAYING once N
+// frames reached the sink.
 // Exit: 0 on EOS, 2 on a pipeline error, 3 when the state change to READY fails.
 
+#include <dds/dds.h>
 #include <gst/gst.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -52,11 +60,41 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) 
     return GST_PAD_PROBE_OK;
 }
 
+// A writer delivers a frame to the readers it knows of when it writes it: waits
+// until the bus domain of the root in the working directory (which the sink
+// opened) has discovered wanted readers of the video frames, or 30 s passed.
+void awaitReaders(std::size_t wanted) {
+    std::stringstream config;
+    config << std::ifstream("config/Marlet.xml").rdbuf();
+    std::smatch id;
+    const std::string text = config.str();
+    if (wanted == 0 || !std::regex_search(text, id, std::regex(R"re(<Domain Id="(\d+)")re"))) return;
+    const dds_entity_t participant = dds_create_participant(std::stoi(id[1]), nullptr, nullptr);
+    const dds_entity_t reader = dds_create_reader(participant, DDS_BUILTIN_TOPIC_DCPSSUBSCRIPTION, nullptr, nullptr);
+    std::set<std::string> readers;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (readers.size() < wanted && std::chrono::steady_clock::now() < deadline) {
+        void *samples[16] = {};
+        dds_sample_info_t infos[16];
+        const dds_return_t n = dds_take(reader, samples, infos, 16, 16);
+        for (dds_return_t i = 0; i < n; ++i) {
+            const auto *endpoint = static_cast<const dds_builtintopic_endpoint_t *>(samples[i]);
+            if (infos[i].valid_data && std::string(endpoint->topic_name).find("VideoFrameData") != std::string::npos)
+                readers.emplace(reinterpret_cast<const char *>(endpoint->key.v), sizeof endpoint->key.v);
+        }
+        if (n > 0) dds_return_loan(reader, samples, n);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (readers.size() < wanted) std::fprintf(stderr, "only %zu of %zu readers known\n", readers.size(), wanted);
+    dds_delete(participant);
+}
+
 // READY, then the settling time for subscribers to match the writers opened
 // on the way there, then PLAYING; false when READY cannot be reached.
-bool open(GstElement *pipeline, int settleMs) {
+bool open(GstElement *pipeline, int settleMs, std::size_t readers) {
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
+    awaitReaders(readers);
     return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
 }
 
@@ -91,13 +129,14 @@ int main(int argc, char **argv) {
     };
     if (gst_element_set_state(pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) return end(3);
     if (!options["--retag"].empty()) g_object_set(sink, "taggroups", options["--retag"].c_str(), nullptr);
-    if (!open(pipeline, settleMs)) return end(3);
+    const std::size_t readers = std::strtoul(options["--await-readers"].c_str(), nullptr, 10);
+    if (!open(pipeline, settleMs, readers)) return end(3);
     if (const int restartAfter = std::atoi(options["--restart-after"].c_str())) {
         // Stop and start again with frames flowing, as an application does.
         while (plan.count < restartAfter)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         gst_element_set_state(pipeline, GST_STATE_NULL);
-        if (!open(pipeline, settleMs)) return end(3);
+        if (!open(pipeline, settleMs, readers)) return end(3);
         std::printf("RESTARTED\n");
         std::fflush(stdout);
     }
