@@ -21,6 +21,15 @@ using TOLVIXO::SegmentInfo;
 using Classification = TOLVIXO::Information<TOLVIXO::ClassificationData>;
 using Detection = TOLVIXO::Information<TOLVIXO::DetectionBoxData>;
 
+// These tests count every frame a sink handled. Shipped, pictures are
+// keep-last (a reader that lags under load misses frames, by design, and
+// Faults covers that); here they are kept until read, so a missing frame is
+// the sink's fault.
+const qxtest::ConfigRoot &keepingEveryPicture(const qxtest::ConfigRoot &root) {
+    root.setQos("VideoFrame", R"({"history": "keep-all"})");
+    return root;
+}
+
 std::string programPath(const char *name) {
     gchar *found = g_find_program_in_path(name);
     const std::string path = found ? found : name;
@@ -126,7 +135,7 @@ TEST(SinkElement, FailuresSayWhy) {
 // frame it handled, before and after, is on the bus with its results.
 TEST(SinkElement, RestartWithFramesFlowingPublishesAgain) {
     qxtest::ConfigRoot root;
-    root.enter();
+    keepingEveryPicture(root).enter();
     BusReader reader(false, {"VideoFrameData", "ClassificationData"});
     auto child =
         startPipeline(root,
@@ -186,7 +195,7 @@ TEST(SinkPublish, RawPicturesAndFillerRecords) {
     for (const auto &[format, width] : {std::pair<const char *, int>{"I420", 322}, {"BGR", 320}}) {
         SCOPED_TRACE(format);
         qxtest::ConfigRoot root;
-        root.enter();
+        keepingEveryPicture(root).enter();
         const auto reference = referenceFrames(source(format, width, 240));
         auto received = publish(root, source(format, width, 240), {});
         for (const FrameInfo &frame : decodeAll<FrameInfo>(received["VideoFrameData"], kFrames - 1)) {
@@ -229,7 +238,7 @@ TEST(SinkPublish, RawPicturesAndFillerRecords) {
 // groups still go.
 TEST(SinkPublish, BatchMetadataOncePerFrame) {
     qxtest::ConfigRoot root;
-    root.enter();
+    keepingEveryPicture(root).enter();
     std::string log;
     auto received = publish(root, source("I420", 64, 48),
                             {"--meta", "--retag", std::string(kAllGroups) + "+Bogus+EngineInfoData"}, &log);

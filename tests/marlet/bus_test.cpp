@@ -7,7 +7,6 @@
 #include <csignal>
 #include <future>
 #include <iostream>
-#include <regex>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -102,12 +101,8 @@ bool echoed(Thing &out, const std::string &output, Thing::Selector &echoes, std:
 TEST_F(BusTest, AStalledReaderHoldsBackOnlyKeepAllWritersAndAKilledWriterIsReportedOnce) {
     constexpr std::size_t kFullHdBgrBytes = 6220800;
     // Other QoS for two shipped tag groups, for the peer and, registered again, for the things made here.
-    for (const auto &[group, qos] : {std::pair{"Segmentation", R"({"history": "keep-all"})"},
-                                     std::pair{"DeviceInfo", R"({"livelinessLeaseMs": 1000})"}}) {
-        const std::string file = "definitions/TagGroup/com.vision.data/" + std::string(group) + "TagGroup.json";
-        root_.writeFile(file, std::regex_replace(root_.readFile(file), std::regex(R"("qos": \{[^}]*\})"),
-                                                 R"("qos": )" + std::string(qos)));
-    }
+    root_.setQos("Segmentation", R"({"history": "keep-all"})");
+    root_.setQos("DeviceInfo", R"({"livelinessLeaseMs": 1000})");
     marlettest::registerDefinitions(bus_, root_.path());
     Thing pictures = makeThing(bus_, "VideoFrameThingOut", "pictures");
     Thing masks = makeThing(bus_, "SegmentationThingOut", "masks");

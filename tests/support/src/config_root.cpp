@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -85,6 +86,14 @@ std::string ConfigRoot::readFile(const std::string& relative) const {
 }
 
 void ConfigRoot::removeFile(const std::string& relative) const { fs::remove(fs::path(path_) / relative); }
+
+void ConfigRoot::setQos(const std::string& file, const std::string& qos) const {
+    const std::string relative = "definitions/TagGroup/com.vision.data/" + file + "TagGroup.json";
+    const std::string text = readFile(relative);
+    const std::regex shipped(R"("qos": \{[^}]*\})");
+    if (!std::regex_search(text, shipped)) throw std::runtime_error(relative + " has no \"qos\" object");
+    writeFile(relative, std::regex_replace(text, shipped, "\"qos\": " + qos));
+}
 
 std::string sourceDir() { return QX_SOURCE_DIR; }
 std::string buildDir() { return QX_BUILD_DIR; }

@@ -38,6 +38,9 @@ public:
     void writeFile(const std::string& relative, const std::string& text) const;
     std::string readFile(const std::string& relative) const;
     void removeFile(const std::string& relative) const;
+    // Gives the shipped tag group definitions/TagGroup/com.vision.data/<file>TagGroup.json
+    // another "qos" object (JSON text), for writers and readers alike.
+    void setQos(const std::string& file, const std::string& qos) const;
 
 private:
     DomainLease lease_;
