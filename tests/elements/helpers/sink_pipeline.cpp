@@ -20,15 +20,14 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <map>
-#include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "../src_expected.h"
+#include "marlet/marlet.h"
 
 namespace {
 
@@ -61,15 +60,15 @@ GstPadProbeReturn attachPlan(GstPad *pad, GstPadProbeInfo *info, gpointer data) 
 }
 
 // A writer delivers a frame to the readers it knows of when it writes it: waits
-// until the bus domain of the root in the working directory (which the sink
-// opened) has discovered wanted readers of the video frames, or 30 s passed.
+// until the bus domain that the sink opened from config/Marlet.xml has
+// discovered wanted readers of the video frames, or 30 s passed. The bus
+// library hands back the sink's own participant for that file, so the probe
+// joins its domain with its (loopback) configuration and never Cyclone's defaults.
 void awaitReaders(std::size_t wanted) {
-    std::stringstream config;
-    config << std::ifstream("config/Marlet.xml").rdbuf();
-    std::smatch id;
-    const std::string text = config.str();
-    if (wanted == 0 || !std::regex_search(text, id, std::regex(R"re(<Domain Id="(\d+)")re"))) return;
-    const dds_entity_t participant = dds_create_participant(std::stoi(id[1]), nullptr, nullptr);
+    if (wanted == 0) return;
+    auto session = com::quorixtech::marlet::Marlet::getInstance(
+        "config=file://" + std::filesystem::absolute("config/Marlet.xml").string());
+    const dds_entity_t participant = dds_create_participant(session.domainId(), nullptr, nullptr);
     const dds_entity_t reader = dds_create_reader(participant, DDS_BUILTIN_TOPIC_DCPSSUBSCRIPTION, nullptr, nullptr);
     std::set<std::string> readers;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -87,6 +86,7 @@ void awaitReaders(std::size_t wanted) {
     }
     if (readers.size() < wanted) std::fprintf(stderr, "only %zu of %zu readers known\n", readers.size(), wanted);
     dds_delete(participant);
+    session.close();
 }
 
 // READY, then the settling time for subscribers to match the writers opened
